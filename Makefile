@@ -1,0 +1,37 @@
+# The two set-up commands of the README. Both install what is missing first.
+PKGS := cmake ninja-build g++ make libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev \
+        libcli11-dev liblzma-dev xz-utils
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+BUILD := build
+ASAN_BUILD := build-asan
+
+.PHONY: deps build test test-plain test-asan demo clean
+
+deps:
+	@missing=$$(for p in $(PKGS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing >/dev/null; \
+	fi
+
+build: deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j2
+
+test-plain: build
+	cd $(BUILD) && ctest -j2 --output-on-failure
+
+test-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDEPOT_SANITIZE=ON -DDEPOT_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(ASAN_BUILD) -j2
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest -j2 --output-on-failure
+
+test: test-plain test-asan
+
+demo: build
+	@if [ -x $(BUILD)/tools/depottrie/depottrie ]; then ./scripts/demo.sh $(BUILD); \
+	else echo "the depottrie tool is not built yet"; exit 1; fi
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD)

@@ -1,0 +1,17 @@
+#pragma once
+#include <string_view>
+
+#include "Basis/Types.h"
+
+// Text parsing shared by the address and prefix classes; each returns false
+// on text that is not exactly the expected form and allocates nothing.
+namespace Addrkit::parse {
+
+// Strict dotted quad: four decimal octets of 1 to 3 digits, each 0 to 255.
+bool ip4(std::string_view text, U8* out);
+// Any form inet_pton accepts for AF_INET6.
+bool ip6(std::string_view text, U8* out);
+// A prefix length: 1 to 3 decimal digits, at most max.
+bool length(std::string_view text, U32 max, U32& out);
+
+}  // namespace Addrkit::parse
