@@ -1,0 +1,85 @@
+#pragma once
+#include <any>
+#include <vector>
+
+#include "Basis/Ptr.h"
+#include "Basis/Types.h"
+
+namespace Kiln {
+
+using FieldId = U32;
+
+// One published change: the field and the key (collections) or old value
+// (attributes) it carries.
+struct Change {
+  FieldId field;
+  std::any value;
+};
+
+// Subscriber of a publisher. Inactive notifiees receive nothing.
+class Notifiee {
+ public:
+  virtual ~Notifiee() = default;
+  virtual void onChange(const Change&) {}
+  virtual void onZeroReferences() {}
+  bool active() const { return active_; }
+  void activeIs(bool a) { active_ = a; }
+  // A notifiee that only watches for zero references does not take the
+  // publisher out of its initial state.
+  virtual bool changeSubscriber() const { return true; }
+
+ private:
+  bool active_ = false;
+};
+
+class Publisher : public Basis::NotifierBase {
+ public:
+  void subscribe(Notifiee* n);
+  void unsubscribe(Notifiee* n);
+  // True while no change subscriber has ever subscribed.
+  bool initialState() const { return !everSubscribed_; }
+  size_t subscriberCount() const { return subs_.size(); }
+  // Delivers to every active subscriber; subscribers may unsubscribe
+  // themselves (or others) while being notified.
+  void publish(const Change& c) const;
+  void publishZeroReferences() const;
+
+ private:
+  std::vector<Notifiee*> subs_;
+  bool everSubscribed_ = false;
+};
+
+// Base of named, reference-counted entities with a parent and a publisher.
+class Entity : public Basis::Node {
+ public:
+  explicit Entity(Basis::String name) : name_(std::move(name)) {}
+
+  const Basis::String& name() const { return name_; }
+  // "PARENT_FULL_NAME/NAME" under a parent, else the name.
+  Basis::String fullName() const;
+  Entity* parent() const { return parent_; }
+  // Attaches (or, with nullptr, detaches) and calls handleParent.
+  void parentIs(Entity* parent);
+  Publisher* publisher() const override { return &publisher_; }
+  bool beingDestroyed() const { return beingDestroyed_; }
+
+ protected:
+  virtual void handleParent(Entity*) {}
+  void beingDestroyedIs() { beingDestroyed_ = true; }
+  // The last user reference went: subscribers may take ownership.
+  void lastUserGone() override { publisher_.publishZeroReferences(); }
+
+ private:
+  Basis::String name_;
+  Entity* parent_ = nullptr;
+  mutable Publisher publisher_;
+  bool beingDestroyed_ = false;
+};
+
+// The runtime's entity-creation path.
+template <class T, class... A>
+Basis::Ptr<T> entityNew(A&&... a) {
+  return Basis::Ptr<T>(new T(std::forward<A>(a)...));
+}
+
+}  // namespace Kiln
