@@ -21,6 +21,9 @@ class ParseException : public Basis::Exception {
 class CharRange {
  public:
   explicit CharRange(std::string_view text) : text_(text) {}
+  // The range only views its text; a temporary string would dangle.
+  explicit CharRange(std::string&&) = delete;
+  explicit CharRange(const char* text) : text_(text) {}
   std::string_view rest() const { return text_.substr(pos_); }
   size_t position() const { return pos_; }
   bool atEnd() const { return pos_ == text_.size(); }

@@ -1,0 +1,73 @@
+#pragma once
+#include <memory>
+#include <string>
+
+#include "Depot/Table.h"
+
+namespace Depot {
+
+// A table file that cannot be created, opened or attached: missing,
+// unreadable, truncated, foreign or damaged. The message names the file.
+class SharedFileException : public Basis::Exception {
+ public:
+  using Basis::Exception::Exception;
+};
+
+// A second writer for a table whose writer is alive.
+class WriterBusyException : public SharedFileException {
+ public:
+  using SharedFileException::SharedFileException;
+};
+
+struct SharedTableOptions {
+  U64 capacity = 1024;               // records the first generation holds; the table never shrinks below it
+  U64 maxEntries = (U64(1) << 31) - 1;  // growth stops here; a write beyond raises TableFullException
+  U32 mode = 0644;                   // permission bits of the files (directories get x where r is)
+};
+
+struct SharedTableStats {
+  U64 generation = 0;
+  U64 capacity = 0;       // records this generation holds
+  U64 occupancy = 0;
+  U64 highWater = 0;      // slots in use are below it
+  U64 indexEntries = 0;
+  U64 fileBytes = 0;      // the file's length
+  U64 residentBytes = 0;  // memory the file holds (blocks allocated)
+  U64 updateCounter = 0;
+};
+
+// A keyed table of fixed-size records in one file, mapped read-write by its
+// single writer process and read-only by any number of reader processes.
+// Readers copy records under a per-slot sequence word, so they never see a
+// half-written record; lookups take no lock and make no system call. The
+// writer grows (and shrinks) the table by building a new generation of the
+// file and publishing it with one store in the old one; readers move over on
+// their next call and the old mapping stays valid until then. Slot numbers
+// (the iteration hints) survive removal, growth and shrinking.
+//
+// One object serves one thread at a time (as the entity that owns it).
+class SharedTable : public Table {
+ public:
+  // Creates the file at path (and missing directories), or reopens it when a
+  // writer restarts, keeping every complete record. Raises
+  // WriterBusyException while another writer holds the file and
+  // SharedFileException for a file that cannot be used.
+  static std::unique_ptr<SharedTable> writerNew(const RecordLayout& layout, const std::string& path,
+                                                const SharedTableOptions& options = {});
+  // Maps an existing file read-only; every write raises AccessException.
+  static std::unique_ptr<SharedTable> readerNew(const RecordLayout& layout, const std::string& path);
+
+  virtual U64 generation() const = 0;
+  // Even while the table is at rest, odd while the writer changes it; it
+  // changes with every write, removal and commit.
+  virtual U64 updateCounter() const = 0;
+  virtual SharedTableStats stats() const = 0;
+};
+
+bool sharedTableExists(const std::string& path);
+// Removes the table file and any leftovers of an interrupted growth. Readers
+// that have it mapped keep working on their mapping. Raises
+// SharedFileException while a writer holds the file.
+void sharedTableDrop(const std::string& path);
+
+}  // namespace Depot

@@ -1,0 +1,256 @@
+#include "Depot/SharedTableFile.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace Depot::sharedfile {
+namespace {
+
+constexpr char fileMagic[8] = {'D', 'E', 'P', 'O', 'T', 'T', 'B', 'L'};
+// Version 1: keyHash over the key bytes, tagged linear-probing index,
+// sequence word at the end of each slot.
+constexpr U32 formatVersion = 1;
+constexpr U32 byteOrderMark = 0x01020304;
+constexpr U64 maxReserveChunk = U64(1) << 18;
+
+U64 roundUp(U64 v, U64 to) { return (v + to - 1) / to * to; }
+
+U64 headerChecksum(const Header& h) {
+  const U8* p = reinterpret_cast<const U8*>(&h);
+  U64 sum = 0xcbf29ce484222325ull;
+  for (size_t i = 0; i < offsetof(Header, checksum); ++i) sum = (sum ^ p[i]) * 0x100000001b3ull;
+  return sum;
+}
+
+std::string typeText(std::string_view name, U32 size, U32 keyOffset, U32 keySize) {
+  return fmt::format("{} records ({} bytes, key of {} bytes at {})", name, size, keySize, keyOffset);
+}
+
+// The header read from the file (not through the mapping), checked against
+// the layout and the file's length.
+Geometry validatedGeometry(const Header& h, U64 fileBytes, const std::string& path, const RecordLayout& layout) {
+  if (std::memcmp(h.magic, fileMagic, sizeof fileMagic) != 0)
+    throw SharedFileException(fmt::format("{}: not a Depot table (bad magic)", path));
+  if (h.byteOrder != byteOrderMark)
+    throw SharedFileException(fmt::format("{}: written on a host of another byte order", path));
+  if (h.version != formatVersion)
+    throw SharedFileException(
+        fmt::format("{}: table format version {}, this build reads version {}", path, h.version, formatVersion));
+  if (h.checksum != headerChecksum(h))
+    throw SharedFileException(fmt::format("{}: damaged header (checksum mismatch)", path));
+  std::string_view name(h.typeName, strnlen(h.typeName, sizeof h.typeName));
+  if (name != layout.typeName || h.recordSize != layout.recordSize || h.keyOffset != layout.keyOffset ||
+      h.keySize != layout.keySize)
+    throw SharedFileException(fmt::format("{}: holds {}, expected {}", path,
+                                          typeText(name, h.recordSize, h.keyOffset, h.keySize),
+                                          typeText(layout.typeName, layout.recordSize, layout.keyOffset,
+                                                   layout.keySize)));
+  bool sane = h.capacity >= 1 && h.capacity <= maxCapacity && h.indexEntries >= minIndexEntries &&
+              std::has_single_bit(h.indexEntries) && h.indexEntries <= (U64(1) << 32) &&
+              h.capacity <= h.indexEntries / loadDenominator * loadNumerator && h.minCapacity <= maxCapacity &&
+              h.stride == strideFor(layout) && h.generation >= 1;
+  Geometry g = sane ? geometryOf(layout, h.capacity, h.indexEntries) : Geometry{};
+  if (!sane || g.slotsOffset != h.slotsOffset || g.fileSize != h.fileSize)
+    throw SharedFileException(fmt::format("{}: damaged header (inconsistent sizes)", path));
+  if (fileBytes != g.fileSize)
+    throw SharedFileException(fmt::format("{}: truncated ({} bytes, its header says {})", path, fileBytes, g.fileSize));
+  return g;
+}
+
+struct flock wholeFile(short type) {
+  struct flock fl {};
+  fl.l_type = type;
+  fl.l_whence = SEEK_SET;
+  return fl;
+}
+
+std::string errnoText(int err) { return std::strerror(err); }
+
+}  // namespace
+
+U32 strideFor(const RecordLayout& layout) { return (layout.recordSize + 3 + 3) & ~3u; }
+
+Geometry geometryOf(const RecordLayout& layout, U64 capacity, U64 indexEntries) {
+  Geometry g;
+  g.capacity = capacity;
+  g.indexEntries = indexEntries;
+  g.stride = strideFor(layout);
+  g.slotBits = U32(std::bit_width(capacity));
+  g.slotsOffset = roundUp(headerBytes + indexEntries * sizeof(U32), pageBytes);
+  g.fileSize = g.slotsOffset + roundUp(capacity * g.stride, pageBytes);
+  return g;
+}
+
+Geometry geometryFor(const RecordLayout& layout, U64 wanted, U64 maxEntries) {
+  U64 limit = std::clamp<U64>(maxEntries, 1, maxCapacity);
+  U64 target = std::clamp<U64>(wanted, 1, limit);
+  U64 entries = std::max(minIndexEntries, std::bit_ceil((target * loadDenominator + loadNumerator - 1) / loadNumerator));
+  return geometryOf(layout, std::min(limit, entries / loadDenominator * loadNumerator), entries);
+}
+
+Mapping::Mapping(int fd, U8* base, const Geometry& g, U64 generation)
+    : fd_(fd), base_(base), geometry_(g), generation_(generation) {
+  struct stat st {};
+  if (fstat(fd_, &st) == 0) {
+    dev_ = st.st_dev;
+    ino_ = st.st_ino;
+  }
+}
+
+Mapping::~Mapping() {
+  munmap(base_, geometry_.fileSize);
+  close(fd_);
+}
+
+std::unique_ptr<Mapping> Mapping::attach(int fd, const std::string& path, const RecordLayout& layout, bool writable) {
+  struct stat st {};
+  if (fstat(fd, &st) != 0) {
+    int err = errno;
+    close(fd);
+    throw SharedFileException(fmt::format("cannot examine {}: {}", path, errnoText(err)));
+  }
+  Header h{};
+  if (U64(st.st_size) < headerBytes || pread(fd, &h, sizeof h, 0) != ssize_t(sizeof h)) {
+    close(fd);
+    throw SharedFileException(
+        fmt::format("{}: truncated or not a Depot table ({} bytes; a table has at least {})", path, st.st_size, headerBytes));
+  }
+  Geometry g;
+  try {
+    g = validatedGeometry(h, U64(st.st_size), path, layout);
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  void* base = mmap(nullptr, g.fileSize, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  if (base == MAP_FAILED) {
+    int err = errno;
+    close(fd);
+    throw SharedFileException(fmt::format("cannot map {}: {}", path, errnoText(err)));
+  }
+  return std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, h.generation));
+}
+
+std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLayout& layout, const Geometry& g,
+                                         U64 minCapacity, U64 generation, U32 mode) {
+  int fd = open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode & 0777);
+  if (fd < 0) throw SharedFileException(fmt::format("cannot create {}: {}", file, errnoText(errno)));
+  auto fail = [&](std::string what, int err) {
+    close(fd);
+    unlink(file.c_str());
+    return SharedFileException(fmt::format("cannot {} {}: {}", what, file, errnoText(err)));
+  };
+  if (fchmod(fd, mode & 0777) != 0) throw fail("set the mode of", errno);
+  if (ftruncate(fd, off_t(g.fileSize)) != 0) throw fail("size", errno);
+  if (int err = posix_fallocate(fd, 0, off_t(g.slotsOffset))) throw fail("reserve memory for", err);
+  if (!takeWriterLock(fd)) throw fail("lock", errno);
+  void* base = mmap(nullptr, g.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (base == MAP_FAILED) throw fail("map", errno);
+  auto m = std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, generation));
+  m->reservedBytes_ = g.slotsOffset;
+
+  Header& h = m->header();
+  std::memcpy(h.magic, fileMagic, sizeof fileMagic);
+  h.version = formatVersion;
+  h.byteOrder = byteOrderMark;
+  layout.typeName.copy(h.typeName, sizeof h.typeName - 1);
+  h.recordSize = layout.recordSize;
+  h.keyOffset = layout.keyOffset;
+  h.keySize = layout.keySize;
+  h.stride = g.stride;
+  h.capacity = g.capacity;
+  h.minCapacity = minCapacity;
+  h.indexEntries = g.indexEntries;
+  h.slotsOffset = g.slotsOffset;
+  h.fileSize = g.fileSize;
+  h.generation = generation;
+  h.checksum = headerChecksum(h);
+  h.writerPid = U32(getpid());
+  return m;
+}
+
+U64 Mapping::residentBytes() const {
+  struct stat st {};
+  return fstat(fd_, &st) == 0 ? U64(st.st_blocks) * 512 : 0;
+}
+
+bool Mapping::writerAttached() const { return writerLockHeld(fd_); }
+
+bool takeWriterLock(int fd) {
+  struct flock fl = wholeFile(F_WRLCK);
+  return fcntl(fd, F_OFD_SETLK, &fl) == 0;
+}
+
+bool writerLockHeld(int fd) {
+  struct flock fl = wholeFile(F_RDLCK);
+  if (fcntl(fd, F_OFD_GETLK, &fl) != 0) return true;
+  return fl.l_type != F_UNLCK;
+}
+
+// Memory is reserved in steps of about 1/64 of the slot area, so that a
+// small table holds little and a large one reserves rarely.
+void Mapping::reserveSlots(U64 slots) {
+  U64 chunk = roundUp(std::clamp(geometry_.capacity * geometry_.stride / 64, pageBytes, maxReserveChunk), pageBytes);
+  U64 want = std::min(geometry_.fileSize, roundUp(geometry_.slotsOffset + slots * geometry_.stride, chunk));
+  if (want <= reservedBytes_) return;
+  if (int err = posix_fallocate(fd_, off_t(reservedBytes_), off_t(want - reservedBytes_)))
+    throw Basis::SystemException(fmt::format("cannot reserve {} bytes of shared memory: {}", want, errnoText(err)));
+  reservedBytes_ = want;
+}
+
+std::string openFailure(const std::string& path, const char* purpose, int err) {
+  if (err == ENOENT) return fmt::format("{} does not exist", path);
+  struct stat st {};
+  if ((err == EACCES || err == EPERM) && stat(path.c_str(), &st) == 0)
+    return fmt::format("cannot open {} for {}: permission denied (mode {:04o}, owner {}:{}, this process runs as {}:{})",
+                       path, purpose, st.st_mode & 07777, st.st_uid, st.st_gid, geteuid(), getegid());
+  return fmt::format("cannot open {} for {}: {}", path, purpose, errnoText(err));
+}
+
+U32 recordedWriterPid(int fd) {
+  Header h{};
+  if (pread(fd, &h, sizeof h, 0) != ssize_t(sizeof h) || std::memcmp(h.magic, fileMagic, sizeof fileMagic) != 0)
+    return 0;
+  return h.writerPid;
+}
+
+void makeParentDirectories(const std::string& path, U32 fileMode) {
+  U32 dirMode = (fileMode | ((fileMode & 0444) >> 2)) & 0777;
+  for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
+    std::string dir = path.substr(0, at);
+    if (mkdir(dir.c_str(), dirMode) == 0) {
+      chmod(dir.c_str(), dirMode);
+      continue;
+    }
+    struct stat st {};
+    if (errno != EEXIST || stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+      throw SharedFileException(fmt::format("cannot create directory {} for {}: {}", dir, path,
+                                            errnoText(errno == EEXIST ? ENOTDIR : errno)));
+  }
+}
+
+std::vector<std::string> leftoverFiles(const std::string& path) {
+  size_t slash = path.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : path.substr(0, slash);
+  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  std::vector<std::string> found;
+  DIR* d = opendir(dir.c_str());
+  if (!d) return found;
+  while (const dirent* e = readdir(d)) {
+    std::string_view name(e->d_name);
+    if (name.starts_with(base + ".g") || name.starts_with(base + ".new-")) found.push_back(dir + "/" + std::string(name));
+  }
+  closedir(d);
+  return found;
+}
+
+std::string generationFileName(const std::string& path, U64 generation) { return fmt::format("{}.g{}", path, generation); }
+
+}  // namespace Depot::sharedfile

@@ -1,0 +1,89 @@
+#pragma once
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Basis/Exception.h"
+#include "Basis/Types.h"
+
+namespace Depot {
+
+// How a fixed-size record type is stored byte for byte: its size and where
+// its key lies inside it.
+struct RecordLayout {
+  std::string typeName;
+  U32 recordSize = 0;
+  U32 keyOffset = 0;
+  U32 keySize = 0;
+};
+
+// Damage detected inside a table (a chain that loops or leaves the table, a
+// slot index out of range, a bad header).
+class CorruptionException : public Basis::Exception {
+ public:
+  using Basis::Exception::Exception;
+};
+
+// No free slot for a new record: "Depot table full (occupancy:{} tableSize:{}) {}".
+class TableFullException : public Basis::Exception {
+ public:
+  TableFullException(U64 occupancy, U64 tableSize, std::string_view rootPath);
+};
+
+// A write attempted through a table mapped for reading.
+class AccessException : public Basis::Exception {
+ public:
+  using Basis::Exception::Exception;
+};
+
+// Key hash shared by every table implementation (the key's own bytes).
+U64 keyHash(const U8* key, U32 len);
+
+// A keyed table of fixed-size records. Records go in and come out as whole
+// copies; absence is a false result, never an exception.
+class Table {
+ public:
+  virtual ~Table() = default;
+
+  virtual const RecordLayout& layout() const = 0;
+  // The table's root path (its name, or its file under the depot root).
+  virtual const std::string& rootPath() const = 0;
+  virtual bool isWriter() const = 0;
+
+  // Copies the record under key into out; false when absent.
+  // Raises CorruptionException on damage.
+  virtual bool find(const U8* key, U8* out) const = 0;
+  // Inserts or overwrites the record under its own key.
+  // Raises TableFullException, AccessException (reader), CorruptionException.
+  virtual void write(const U8* record) = 0;
+  // Removes the record under key, copying it into removed; false when absent.
+  virtual bool remove(const U8* key, U8* removed) = 0;
+  // The stored record under key for a writer to change in place, or nullptr.
+  virtual U8* inPlace(const U8* key) = 0;
+  // Publishes a record changed in place as one whole change.
+  virtual void commit(const U8* inPlaceRecord) = 0;
+
+  // Iteration in the table's own order. The hint is a position that stays
+  // meaningful when the record at it is removed. first/from/next return false
+  // at the end; `from` starts at the record with that key (false when the key
+  // is absent).
+  virtual bool iterFirst(U64& hint, U8* out) const = 0;
+  virtual bool iterFrom(const U8* key, U64& hint, U8* out) const = 0;
+  virtual bool iterNext(U64& hint, U8* out) const = 0;
+
+  // Damage found by a caller; kept for inspection and logged.
+  virtual void reportCorruption(std::string_view message) = 0;
+  virtual U64 corruptionCount() const = 0;
+
+  virtual U64 occupancy() const = 0;
+  virtual U64 capacity() const = 0;
+  // Memory held by the table's records and index.
+  virtual U64 bytes() const = 0;
+};
+
+// Process-local table: starts at `entries` slots and doubles when full, up to
+// maxEntries (then TableFullException). Its root path is `name`.
+std::unique_ptr<Table> temporaryTableNew(const RecordLayout& layout, std::string name, U64 entries,
+                                         U64 maxEntries = U64(1) << 32);
+
+}  // namespace Depot

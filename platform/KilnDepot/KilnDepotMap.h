@@ -1,0 +1,135 @@
+#pragma once
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Basis/Debug.h"
+#include "Depot/Table.h"
+#include "Kiln/Entity.h"
+#include "KilnDepot/CollectionControl.h"
+
+namespace KilnDepot {
+
+// Binds one keyed collection of fixed-size records to an entity attribute:
+// the collection's name ("{entity full name}/{attribute}"), its writer table,
+// its default and scratch records, its control and its change hooks.
+class CollectionBinding {
+ public:
+  struct Hooks {
+    std::function<void(const U8* key)> keyChanged;
+    std::function<void(bool quiesced)> quiescedChanged;
+    std::function<void()> mountStatusChanged;
+  };
+
+  CollectionBinding(std::string attributeName, Depot::RecordLayout layout, const void* defaultRecord,
+                    Hooks hooks);
+  virtual ~CollectionBinding();
+  CollectionBinding(const CollectionBinding&) = delete;
+  CollectionBinding& operator=(const CollectionBinding&) = delete;
+
+  // Names the collection under its owner, keeps a non-owning pointer to the
+  // control and creates the process-local writer of `localEntries` slots.
+  void setUp(const Kiln::Entity& owner, CollectionControl* control);
+  // The owner was attached to or detached from a parent.
+  void handleParent(const Kiln::Entity& owner);
+
+  const std::string& name() const { return name_; }
+  const Depot::RecordLayout& layout() const { return layout_; }
+  Depot::Table& table() const { return *table_; }
+  // Replaces the writer (mounting); the old table is released.
+  void tableIs(std::unique_ptr<Depot::Table> t);
+  CollectionControl* control() const { return control_; }
+  void controlGone() { control_ = nullptr; }
+  bool initialized() const { return initialized_; }
+  double occupancySlack() const { return occupancySlack_; }
+  Basis::DebugHandler& debug() const { return *debug_; }
+
+  // Copies the record under key into out, or the default record when the key
+  // is absent or the table reports damage (which is reported back to it).
+  void get(const U8* key, U8* out) const;
+  // Damage found while writing, removing or committing stops the process:
+  // there is no recovery from a failed write.
+  void safeWrite(const U8* record);
+  // Removes into the scratch record; false when absent.
+  bool safeRemove(const U8* key);
+  U8* inPlace(const U8* key);
+  void directCommit(const U8* record);
+  const U8* scratch() const { return scratch_.data(); }
+  const U8* defaultRecord() const { return default_.data(); }
+
+  void notifyKey(const U8* key) const;
+  void notifyQuiesced(bool quiesced) const;
+  void notifyMountStatus() const;
+  MountStatus mountStatus() const { return mountStatus_; }
+  void mountStatusIs(MountStatus s);
+
+  static constexpr U64 localEntries = 100;
+
+ private:
+  void localWriterNew();
+  std::string attributeName_;
+  std::string name_;
+  Depot::RecordLayout layout_;
+  std::vector<U8> default_;
+  std::vector<U8> scratch_;
+  Hooks hooks_;
+  std::unique_ptr<Depot::Table> table_;
+  CollectionControl* control_ = nullptr;
+  Basis::DebugHandler* debug_ = nullptr;
+  double occupancySlack_ = 0.05;
+  bool initialized_ = false;
+  MountStatus mountStatus_ = MountStatus::local;
+};
+
+// Typed view of a binding for record type R keyed by K (R trivially copyable).
+template <class K, class R>
+class KilnDepotMap : public CollectionBinding {
+ public:
+  KilnDepotMap(std::string attributeName, Depot::RecordLayout layout, const R& defaultRecord, Hooks hooks)
+      : CollectionBinding(std::move(attributeName), std::move(layout), &defaultRecord, std::move(hooks)) {}
+
+  R get(const K& key) const {
+    R r;
+    CollectionBinding::get(reinterpret_cast<const U8*>(&key), reinterpret_cast<U8*>(&r));
+    return r;
+  }
+  void safeWrite(const R& r) { CollectionBinding::safeWrite(reinterpret_cast<const U8*>(&r)); }
+  bool safeRemove(const K& key) { return CollectionBinding::safeRemove(reinterpret_cast<const U8*>(&key)); }
+  R* inPlace(const K& key) { return reinterpret_cast<R*>(CollectionBinding::inPlace(reinterpret_cast<const U8*>(&key))); }
+  void directCommit(const R* r) { CollectionBinding::directCommit(reinterpret_cast<const U8*>(r)); }
+  R scratchRecord() const { R r; std::memcpy(&r, scratch(), sizeof r); return r; }
+  R defaultValue() const { R r; std::memcpy(&r, defaultRecord(), sizeof r); return r; }
+
+  // Iteration over the records in the table's own order; the position
+  // survives removal of the current record.
+  class ConstIterator {
+   public:
+    bool valid() const { return valid_; }
+    const R& operator*() const { return rec_; }
+    const R* operator->() const { return &rec_; }
+    void advance() { valid_ = map_->table().iterNext(hint_, reinterpret_cast<U8*>(&rec_)); }
+
+   private:
+    friend class KilnDepotMap;
+    const KilnDepotMap* map_ = nullptr;
+    U64 hint_ = 0;
+    R rec_{};
+    bool valid_ = false;
+  };
+  ConstIterator begin() const {
+    ConstIterator it;
+    it.map_ = this;
+    it.valid_ = table().iterFirst(it.hint_, reinterpret_cast<U8*>(&it.rec_));
+    return it;
+  }
+  ConstIterator from(const K& key) const {
+    ConstIterator it;
+    it.map_ = this;
+    it.valid_ = table().iterFrom(reinterpret_cast<const U8*>(&key), it.hint_, reinterpret_cast<U8*>(&it.rec_));
+    return it;
+  }
+};
+
+}  // namespace KilnDepot

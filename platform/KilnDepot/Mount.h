@@ -1,0 +1,24 @@
+#pragma once
+#include <string>
+
+#include "Basis/Types.h"
+#include "KilnDepot/KilnDepotMap.h"
+
+namespace KilnDepot {
+
+// The file that holds a collection under a depot root:
+// "{root}/{collection name}". Raises Basis::RangeException for a name that
+// is no relative path of plain parts (empty, absolute, "." or "..").
+std::string collectionPath(const std::string& collectionName, const std::string& root);
+
+// Makes the binding the writer of its shared table: creates the table, or
+// reopens it when a writer restarts, copies in the records written locally
+// whose keys the table lacks, then replaces the binding's table and sets its
+// mount status to writer. Files get `mode`. On failure the binding keeps its
+// table, its mount status becomes failed, and the exception propagates.
+void mountWriter(CollectionBinding& binding, const std::string& root, U32 mode = 0644);
+// Maps the binding's existing shared table read-only in its place; mount
+// status reader. Records written locally are dropped.
+void mountReader(CollectionBinding& binding, const std::string& root);
+
+}  // namespace KilnDepot
