@@ -1,0 +1,28 @@
+#pragma once
+#include <string>
+
+#include "Basis/Ptr.h"
+#include "Basis/Types.h"
+#include "TrieLib/DepotTrie.h"
+
+namespace Routing::Lattice {
+
+// Where shared tables live: $DEPOT_ROOT, else /dev/shm/depot.
+std::string depotRoot();
+
+struct MountOptions {
+  std::string root = depotRoot();
+  U32 mode = 0644;  // of the files created (0640 group, 0600 owner only)
+};
+
+// A trie whose collections are the shared tables NAME/trieNode and
+// NAME/trieNode6 under root, as their writer (created, or reopened keeping
+// every record). Raises Basis::Exception with a clear message.
+Basis::Ptr<Trie> trieWriterNew(const Basis::String& name, const MountOptions& options = {});
+// The same tables mapped read-only; "no trie named NAME under ROOT" when absent.
+Basis::Ptr<Trie> trieReaderNew(const Basis::String& name, const MountOptions& options = {});
+bool trieExists(const Basis::String& name, const MountOptions& options = {});
+// Removes the files; refused while a writer has them.
+void trieDrop(const Basis::String& name, const MountOptions& options = {});
+
+}  // namespace Routing::Lattice

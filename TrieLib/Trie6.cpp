@@ -1,0 +1,508 @@
+// IPv6 trie algorithms: a binary, path-compressed trie over TrieNode6
+// records. Every change is made on a copy of a record and written back whole,
+// parent before child, so that a reader never meets a key whose record has not
+// been written yet; a replaced record is removed only after its replacement.
+#include "TrieLib/Trie6.h"
+
+#include <algorithm>
+#include <bit>
+#include <optional>
+#include <string>
+
+#include "Ringlog/Ringlog.h"
+#include "TrieLib/TrieTrace.h"
+
+namespace Routing::Lattice {
+namespace {
+
+constexpr const char* prefixIs6Signature =
+    "void Routing::Lattice::prefixIs6(Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&)";
+constexpr const char* prefixDel6Signature =
+    "bool Routing::Lattice::prefixDel6(Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&)";
+constexpr const char* lpm6NodeSignature =
+    "Routing::Lattice::TrieNode6 Routing::Lattice::lpm6Node(const Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&)";
+constexpr const char* nextBlack6Signature = "U32 Routing::Lattice::nextBlack6(Routing::Lattice::TrieNode6&, U32)";
+constexpr const char* getNext6Signature =
+    "Addrkit::IpGenPrefix Routing::Lattice::getNext6(const Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&)";
+constexpr const char* doGetNext6Signature =
+    "Addrkit::IpGenPrefix Routing::Lattice::doGetNext6(const Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&, "
+    "const Addrkit::Ip6Prefix&, U32)";
+constexpr const char* depthText = "trieDepth++ <= 128";
+
+// Descents below the top node that a consistent trie can need: one per bit.
+constexpr U32 maxDescents = 128;
+
+// Word and mask of length len; length 0 wraps onto the bit of length 128.
+U32 blackWord6(U32 len) { return std::min((len - 1u) / 32u, 3u); }
+U32 blackMask6(U32 len) { return 0x80000000u >> ((len - 1u) % 32u); }
+
+bool isLeaf6(const TrieNode6& n) { return n.leftChild() == nullPrefix6 && n.rightChild() == nullPrefix6; }
+
+// What a read of an absent key returns; no stored record equals it.
+const TrieNode6& absentNode6() {
+  static const TrieNode6 absent(prefix006);
+  return absent;
+}
+
+// The prefix of length len along a node key.
+Addrkit::Ip6Prefix prefixAlong6(const Addrkit::Ip6Prefix& key, U32 len) {
+  return Addrkit::Ip6Prefix::masked(key.address(), len);
+}
+
+U32 keyBit(const Addrkit::Ip6Prefix& p, U32 n) { return p.address().bit(n); }
+
+}  // namespace
+
+// ---- Bit operations ----
+
+bool hasBlack6(const TrieNode6& n, U32 len) { return (n.black(blackWord6(len)) & blackMask6(len)) != 0; }
+
+bool anyBlack6(const TrieNode6& n) { return (n.black0() | n.black1() | n.black2() | n.black3()) != 0; }
+
+void setBlack6(TrieNode6& node, U32 bitpos, bool value) {
+  TRIE_TRACE(3, "setBlack6 prefix: {} bitpos: {} value: {}", node.key(), bitpos, value);
+  const U32 w = blackWord6(bitpos);
+  const U32 mask = blackMask6(bitpos);
+  node.blackIs(w, value ? node.black(w) | mask : node.black(w) & ~mask);
+}
+
+U32 firstBlack6(const TrieNode6& node) {
+  for (U32 w = 0; w < 4; ++w) {
+    if (node.black(w) != 0) return 32 * w + std::countl_zero(node.black(w)) + 1;
+  }
+  return 0;
+}
+
+U32 nextBlack6(TrieNode6& node, U32 bitPos) {
+  TRIE_TRACE(9, "nextBlack6({}), Black bits 0: {:x}, Black bits 1: {:x}, Black bits 2: {:x}, Black bits 3: {:x}",
+             bitPos, node.black0(), node.black1(), node.black2(), node.black3());
+  TRIE_ASSERT(bitPos <= 128, "bitPos <= 128 && \"invalid bit position\"", nextBlack6Signature);
+  if (bitPos == 128) return 0;
+  U32 offset = bitPos % 32;
+  for (U32 w = bitPos / 32; w < 4; ++w, offset = 0) {
+    TRIE_TRACE(9, "nextBlack({}), black bits: {:x}", offset, node.black(w));
+    // Keep the bits of the lengths after bitPos.
+    const U32 bits = node.black(w) & (0xFFFFFFFFu >> offset);
+    if (bits != 0) return 32 * w + std::countl_zero(bits) + 1;
+  }
+  return 0;
+}
+
+U32 prevBlack6(TrieNode6& node, U32 bitPos) {
+  // Length 0 has no previous length; no length lies above 128.
+  if (bitPos == 0) return 0;
+  bitPos = std::min(bitPos, 128u);
+  const U32 offset = bitPos % 32;
+  // Of the first word only the bits of lengths up to bitPos count.
+  U32 keep = 0u - (1u << ((32 - offset) % 32));
+  for (U32 w = (bitPos - 1) / 32 + 1; w-- > 0; keep = 0xFFFFFFFFu) {
+    const U32 bits = node.black(w) & keep;
+    TRIE_TRACE(7, "prevBlack6({}), word {}: {:x}", bitPos, w, bits);
+    if (bits != 0) return 32 * w + (31 - std::countr_zero(bits)) + 1;
+  }
+  return 0;
+}
+
+U32 commonPrefixLen6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b, unsigned int maxLen) {
+  for (U32 k = 0; k < 4; ++k) {
+    const U32 x = a.word(k);
+    const U32 y = b.word(k);
+    if (x != y) return 32 * k + std::min<U32>(std::countl_zero(x ^ y), maxLen - 32 * k);
+    if (32 * (k + 1) >= maxLen) return maxLen;
+  }
+  return 128;
+}
+
+bool prefixLexicallyGreater6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b) {
+  if (b.address() < a.address()) return true;
+  if (a.address() != b.address()) return false;
+  return b.len() < a.len();
+}
+
+// ---- Insertion ----
+
+void updateNode6(Trie* trie, TrieNode6& node, const Addrkit::Ip6Prefix& prefix, bool right) {
+  TRIE_TRACE(4, "updateNode6 node prefix: {} adding prefix: {}", node.key(), prefix);
+  if (node.key() == rootPrefix6 || !right) {
+    node.leftChildIs(prefix);
+  } else {
+    node.rightChildIs(prefix);
+  }
+  trie->trieNode6Is(node);
+}
+
+void addNewNodeToCollection6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
+  RINGLOG_BLOCK(trieSourcePath,
+                "void Routing::Lattice::addNewNodeToCollection6(Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&)");
+  TRIE_TRACE(4, "addNewNodeToCollection6 Inserting node. Prefix: {}", prefix);
+  TrieNode6 leaf(prefix);
+  setBlack6(leaf, prefix.len(), true);
+  trie->trieNode6Is(leaf);
+}
+
+// The leaf `node` is replaced by a leaf keyed prefix that keeps node's marks.
+// The side below node (the last argument) plays no part: the side below the
+// parent is taken from the keys.
+void updateAndExtendNode6(Trie* trie, const Addrkit::Ip6Prefix& prefix, TrieNode6& parent, TrieNode6& node, bool) {
+  RINGLOG_BLOCK(trieSourcePath,
+                "void Routing::Lattice::updateAndExtendNode6(Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&, "
+                "Routing::Lattice::TrieNode6&, Routing::Lattice::TrieNode6&, bool)");
+  const U32 pLen = commonPrefixLen6(parent.key(), prefix, std::min(prefix.len(), parent.key().len()));
+  updateNode6(trie, parent, prefix, keyBit(prefix, pLen));
+
+  TRIE_TRACE(4, "updateAndExtendNode6 Extending node: {} with new prefix: {}", node.key(), prefix);
+  TrieNode6 extended(prefix);
+  for (U32 w = 0; w < 4; ++w) extended.blackIs(w, node.black(w));
+  setBlack6(extended, prefix.len(), true);
+  trie->trieNode6Is(extended);
+
+  TRIE_TRACE(4, "updateAndExtendNode6 Deleting node with prefix: {}", node.key());
+  trie->trieNode6Del(node.key());
+}
+
+// `prefix` leaves the edge of `node` at commonLen: a branching node of that
+// length takes node's place under `parent`, with the new leaf on side
+// `right` and node on the other. Node's marks up to commonLen move to the
+// branching node.
+void addSplitNodeToCollection6(Trie* trie, const Addrkit::Ip6Prefix& prefix, U32 commonLen, bool right,
+                               TrieNode6& parent, TrieNode6& node) {
+  RINGLOG_BLOCK(trieSourcePath,
+                "void Routing::Lattice::addSplitNodeToCollection6(Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&, "
+                "U32, bool, Routing::Lattice::TrieNode6&, Routing::Lattice::TrieNode6&)");
+  const Addrkit::Ip6Prefix splitPrefix = prefixAlong6(prefix, commonLen);
+  const U32 pLen = commonPrefixLen6(parent.key(), splitPrefix, std::min(splitPrefix.len(), parent.key().len()));
+  updateNode6(trie, parent, splitPrefix, parent.key() != rootPrefix6 && keyBit(splitPrefix, pLen));
+
+  TrieNode6 split(splitPrefix);
+  updateNode6(trie, split, prefix, right);
+  addNewNodeToCollection6(trie, prefix);
+  updateNode6(trie, split, node.key(), keyBit(node.key(), commonLen));
+
+  const U32 splitWord = commonLen / 32;
+  const U32 splitBits = commonLen % 32;
+  for (U32 w = 0; w < 4; ++w) {
+    if (w < splitWord) {
+      split.blackIs(w, node.black(w));
+      node.blackIs(w, 0);
+    } else if (w == splitWord) {
+      const U32 upTo = splitBits == 0 ? 0u : 0xFFFFFFFFu << (32 - splitBits);
+      split.blackIs(w, node.black(w) & upTo);
+      node.blackIs(w, node.black(w) & ~upTo);
+    }
+  }
+  TRIE_TRACE(4,
+             "addSplitNodeToCollection6 Inserting split node. Prefix: {} new black0: {} new black1: {} new black2: "
+             "{} new black3: {} LeftChild: {} RightChild: {}",
+             splitPrefix, split.black0(), split.black1(), split.black2(), split.black3(), split.leftChild(),
+             split.rightChild());
+  trie->trieNode6Is(split);
+
+  TRIE_TRACE(4, "addSplitNodeToCollection6 node prefix: {} new black0: {} new black1: {} new black2: {} new black3: {}",
+             node.key(), node.black0(), node.black1(), node.black2(), node.black3());
+  trie->trieNode6Is(node);
+}
+
+void prefixIs6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
+  if (prefix == prefix0128 || prefix == nullPrefix6) {
+    TRIE_TRACE(9, "prefixIs6 Trie cannot allow prefix: {}", prefix);
+    return;
+  }
+  if (prefix == prefix006) {
+    TRIE_TRACE(7, "prefixIs6 Inserting 0/0... put into collection as 0/128");
+    TrieNode6 defaultRoute(prefix0128);
+    setBlack6(defaultRoute, 128, true);
+    trie->trieNode6Is(defaultRoute);
+    return;
+  }
+  TRIE_TRACE(8, "prefixIs6 Inserting prefix: {}", prefix);
+
+  TrieNode6 parent = trie->trieNode6(rootPrefix6);
+  if (parent.leftChild() == nullPrefix6) {
+    TRIE_TRACE(7, "prefixIs6 Initializing root. Prefix: {}", prefix);
+    updateNode6(trie, parent, prefix, false);
+    addNewNodeToCollection6(trie, prefix);
+    return;
+  }
+
+  TrieNode6 node = trie->trieNode6(parent.leftChild());
+  for (U32 trieDepth = 1;; ++trieDepth) {
+    TRIE_TRACE(7, "prefixIs6 Current node: {} black0: {:x} black1: {:x} black2: {:x} black3: {:x} left: {} right: {}",
+               node.key(), node.black0(), node.black1(), node.black2(), node.black3(), node.leftChild(),
+               node.rightChild());
+    const U32 commonLen = commonPrefixLen6(node.key(), prefix, std::min(node.key().len(), prefix.len()));
+    if (commonLen == prefix.len()) {
+      TRIE_TRACE(7, "prefixIs6 Exact match. Flip black bit, update, and return");
+      if (!hasBlack6(node, prefix.len())) setBlack6(node, prefix.len(), true);
+      trie->trieNode6Is(node);
+      return;
+    }
+    const bool bit = keyBit(prefix, commonLen);
+    if (commonLen != node.key().len()) {
+      TRIE_TRACE(7, "prefixIs6 Split Node");
+      addSplitNodeToCollection6(trie, prefix, commonLen, bit, parent, node);
+      return;
+    }
+    if (isLeaf6(node)) {
+      TRIE_TRACE(7, "prefixIs6 Leaf found, extend");
+      updateAndExtendNode6(trie, prefix, parent, node, bit);
+      return;
+    }
+    const Addrkit::Ip6Prefix child = bit ? node.rightChild() : node.leftChild();
+    TRIE_TRACE(7, "prefixIs6 Branch node, need to keep traversing going to {}", child);
+    TRIE_ASSERT(trieDepth <= maxDescents, depthText, prefixIs6Signature);
+    parent = node;
+    node = trie->trieNode6(child);
+  }
+}
+
+// ---- Longest-prefix match ----
+
+TrieNode6 lpm6Node(const Trie* trie, const Addrkit::Ip6Prefix& prefix) {
+  TRIE_TRACE(8, "lpm6Node lpm for prefix: {}", prefix);
+  TrieNode6 node = trie->trieNode6(trie->trieNode6(rootPrefix6).leftChild());
+  TrieNode6 lastMatch = absentNode6();
+  for (U32 trieDepth = 1;; ++trieDepth) {
+    TRIE_TRACE(7,
+               "lpm6Node Current node: {} black0: 0x{:x} black1: 0x{:x} black2: 0x{:x} black3: 0x{:x} left: {} "
+               "right: {}",
+               node.key(), node.black0(), node.black1(), node.black2(), node.black3(), node.leftChild(),
+               node.rightChild());
+    const U32 commonLen = commonPrefixLen6(node.key(), prefix, std::min(prefix.len(), node.key().len()));
+    // The query ends on this node's edge: lpm6 reads the answer from it alone.
+    if (commonLen == prefix.len()) return node;
+    if (commonLen != node.key().len()) {
+      const U32 m = commonLen > 0 ? prevBlack6(node, commonLen) : 0;
+      TRIE_TRACE(7, "lpm6Node CommonLen: {} node key len: {}", commonLen, node.key().len());
+      return m != 0 ? node : lastMatch;
+    }
+    const bool bit = keyBit(prefix, commonLen);
+    TRIE_TRACE(7, "lpm6Node Common len: {} node key len: {}", commonLen, node.key().len());
+    bool covers = hasBlack6(node, commonLen);
+    if (!covers) {
+      const U32 m = prevBlack6(node, commonLen);
+      TRIE_TRACE(7, "lpm6Node previousBlack: {}", m);
+      covers = m != 0;
+    }
+    if (covers) {
+      lastMatch = node;
+      TRIE_TRACE(7, "lpm6Node New lastMatch: {}", node.key());
+    }
+    TRIE_TRACE(7, "lpm6Node lastMatch: {}", lastMatch.key());
+    const Addrkit::Ip6Prefix child = bit ? node.rightChild() : node.leftChild();
+    if (child == nullPrefix6) return lastMatch;
+    TRIE_ASSERT(trieDepth <= maxDescents, depthText, lpm6NodeSignature);
+    node = trie->trieNode6(child);
+  }
+}
+
+Addrkit::IpGenPrefix lpm6(const Trie* trie, const Addrkit::Ip6Prefix& prefix) {
+  if (prefix == prefix0128 || prefix == nullPrefix6) {
+    TRIE_TRACE(9, "lpm6 Trie cannot find prefix: {}", prefix);
+    return {};
+  }
+  if (prefix == prefix006) return checkForPrefix006(trie);
+  TRIE_TRACE(8, "lpm6 lpm for prefix: {}", prefix);
+
+  if (trie->trieNode6(rootPrefix6).leftChild() == nullPrefix6) {
+    TRIE_TRACE(7, "lpm6 No root installed... checking for ::/0");
+    return checkForPrefix006(trie);
+  }
+  TrieNode6 node = lpm6Node(trie, prefix);
+  if (node == absentNode6()) return checkForPrefix006(trie);
+
+  const U32 commonLen = commonPrefixLen6(node.key(), prefix, std::min(prefix.len(), node.key().len()));
+  if (commonLen == prefix.len() && hasBlack6(node, prefix.len())) {
+    TRIE_TRACE(7, "lpm6 Prefix is lpm.");
+    return prefix;
+  }
+  if (commonLen == node.key().len() && hasBlack6(node, commonLen)) {
+    TRIE_TRACE(7, "lpm6 Node is lpm.");
+    return prefixAlong6(node.key(), commonLen);
+  }
+  TRIE_TRACE(7, "lpm6 PrevBlack is lpm.");
+  if (commonLen == 0) return {};
+  const U32 m = prevBlack6(node, commonLen);
+  TRIE_TRACE(7, "prevBlack6 previousBlack: {}", m);
+  if (m == 0) return {};
+  return prefixAlong6(node.key(), m);
+}
+
+// ---- Deletion ----
+
+// `parent` goes and `sibling` takes its place under `grandparent`, taking
+// over the marks of parent's edge, which now begins its own.
+void hoistChild6(Trie* trie, TrieNode6& grandparent, TrieNode6& parent, const Addrkit::Ip6Prefix& sibling) {
+  updateNode6(trie, grandparent, sibling, grandparent.key() != rootPrefix6 && keyBit(sibling, grandparent.key().len()));
+
+  TrieNode6 hoisted = trie->trieNode6(sibling);
+  TRIE_TRACE(4,
+             "hoistChild6 hoist node: {} black0: {} black1: {} black2: {} black3: {} parent node: {} black0: {} "
+             "black1: {} black2: {} black3: {}",
+             hoisted.key(), hoisted.black0(), hoisted.black1(), hoisted.black2(), hoisted.black3(), parent.key(),
+             parent.black0(), parent.black1(), parent.black2(), parent.black3());
+  for (U32 w = 0; w < 4; ++w) hoisted.blackIs(w, hoisted.black(w) | parent.black(w));
+  TRIE_TRACE(4, "hoistChild6 hoist node's new black0: {} new black1: {} new black2: {} new black3: {}",
+             hoisted.black0(), hoisted.black1(), hoisted.black2(), hoisted.black3());
+  trie->trieNode6Is(hoisted);
+  trie->trieNode6Del(parent.key());
+}
+
+bool prefixDel6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
+  if (prefix == prefix0128 || prefix == nullPrefix6) {
+    TRIE_TRACE(9, "prefixDel6 Trie cannot delete invalid prefix: {}", prefix);
+    return false;
+  }
+  if (prefix == prefix006) {
+    TRIE_TRACE(7, "prefixDel6 Deleting ::/0.. check for ::/128 in collection");
+    if (trie->trieNode6(prefix0128) == absentNode6()) return false;
+    TRIE_TRACE(7, "prefixDel6 ::/128 found in collection! Delete");
+    trie->trieNode6Del(prefix0128);
+    return true;
+  }
+  TRIE_TRACE(8, "prefixDel6 Deleting prefix: {}", prefix);
+
+  TrieNode6 parent = trie->trieNode6(rootPrefix6);
+  if (parent.leftChild() == nullPrefix6) {
+    TRIE_TRACE(7, "prefixDel6 No root installed... prefix doesn't exist: {}", prefix);
+    return false;
+  }
+  std::optional<TrieNode6> grandparent;
+  TrieNode6 node = trie->trieNode6(parent.leftChild());
+  for (U32 trieDepth = 1;; ++trieDepth) {
+    TRIE_TRACE(7, "prefixDel6 Grandparent node: {} parent node: {}",
+               grandparent ? grandparent->key().stringValue() : std::string("none"), parent.key());
+    TRIE_TRACE(7, "prefixDel6 Current node: {} black0: {:x} black1: {:x} black2: {:x} black3: {:x} left: {} right: {}",
+               node.key(), node.black0(), node.black1(), node.black2(), node.black3(), node.leftChild(),
+               node.rightChild());
+    const U32 commonLen = commonPrefixLen6(node.key(), prefix, std::min(prefix.len(), node.key().len()));
+    if (commonLen == prefix.len()) {
+      TRIE_TRACE(7, "prefixDel6 Exact match found!");
+      break;
+    }
+    const bool bit = commonLen == node.key().len() && keyBit(prefix, commonLen);
+    const Addrkit::Ip6Prefix child = bit ? node.rightChild() : node.leftChild();
+    // Leaving the edge inside the node, or below a leaf: not stored.
+    if (commonLen != node.key().len() || child == nullPrefix6) {
+      TRIE_TRACE(9, "prefixDel6 Failed to delete prefix: {} because it does not exist in Trie", prefix);
+      return false;
+    }
+    TRIE_TRACE(7, "prefixDel6 CommonLen == node.key.len: {} bit: {} traversing... going to {}", commonLen, bit, child);
+    TRIE_ASSERT(trieDepth <= maxDescents, depthText, prefixDel6Signature);
+    grandparent = parent;
+    parent = node;
+    node = trie->trieNode6(child);
+  }
+
+  if (!hasBlack6(node, prefix.len())) {
+    TRIE_TRACE(7, "prefixDel6 White node. Cannot delete");
+    return false;
+  }
+  TRIE_TRACE(7, "prefixDel6 Turning off black bit");
+  setBlack6(node, prefix.len(), false);
+  trie->trieNode6Is(node);
+  if (anyBlack6(node) || !isLeaf6(node)) return true;
+
+  if (!grandparent) {
+    updateNode6(trie, parent, nullPrefix6, false);
+    trie->trieNode6Del(node.key());
+    return true;
+  }
+  TRIE_TRACE(7, "prefixDel6 Hoisting child");
+  const Addrkit::Ip6Prefix sibling = parent.leftChild() == node.key() ? parent.rightChild() : parent.leftChild();
+  hoistChild6(trie, *grandparent, parent, sibling);
+  trie->trieNode6Del(node.key());
+  return true;
+}
+
+// ---- Successor ----
+
+Addrkit::IpGenPrefix getNext6(const Trie* trie, const Addrkit::Ip6Prefix& prefix) {
+  TRIE_TRACE(8, "getNext6({})", prefix);
+  TRIE_ASSERT(!(prefix == prefix0128), "prefix != prefix0128 && \"Invalid Lookup 0/128\"", getNext6Signature);
+  Addrkit::Ip6Prefix query = prefix;
+  if (prefix == nullPrefix6) {
+    const Addrkit::IpGenPrefix defaultRoute = checkForPrefix006(trie);
+    if (!defaultRoute.isEmpty()) {
+      TRIE_TRACE(9, "getNext6 Default route installed, returning {}, passed in prefix {}", defaultRoute, prefix);
+      return defaultRoute;
+    }
+    query = prefix006;
+    TRIE_TRACE(9, "getNext6 No default route installed, looking up {}, passed in prefix {}", query, prefix);
+  }
+  const TrieNode6 root = trie->trieNode6(rootPrefix6);
+  if (root.leftChild() == nullPrefix6) {
+    TRIE_TRACE(9, "getNext6 Empty trie");
+    return {};
+  }
+  return doGetNext6(trie, root.leftChild(), query, 0);
+}
+
+Addrkit::IpGenPrefix doGetNext6(const Trie* trie, const Addrkit::Ip6Prefix& nodeKey, const Addrkit::Ip6Prefix& prefix,
+                                U32 recursionDepth) {
+  // An absent child's key reads the root record.
+  TrieNode6 node = trie->trieNode6(nodeKey);
+  if (node.key() == nullPrefix6) return {};
+  TRIE_TRACE(8, "doGetNext6, Node: {}, Prefix: {}", node.key(), prefix);
+  TRIE_ASSERT(recursionDepth <= trie->ipv6TrieMaxDepth(),
+              "recursionDepth++ <= trie->ipv6TrieMaxDepth() && \"recursion depth exceeded\"", doGetNext6Signature);
+  trie->nodesVisitedCountInc(1);
+
+  // A node's marks are prefixes of every key below it, so they come first.
+  for (U32 len = firstBlack6(node); len != 0; len = nextBlack6(node, len)) {
+    const Addrkit::Ip6Prefix blackPrefix = prefixAlong6(node.key(), len);
+    TRIE_TRACE(9, "doGetNext6, Node: {}, Prefix: {}, BlackPrefix: {}, Black Bit: {}", node.key(), prefix, blackPrefix,
+               len);
+    if (prefixLexicallyGreater6(blackPrefix, prefix)) return blackPrefix;
+  }
+  const U32 commonLen = commonPrefixLen6(node.key(), prefix, std::min(prefix.len(), node.key().len()));
+  if (node.key().len() > commonLen && prefixLexicallyGreater6(prefix, node.key())) {
+    TRIE_TRACE(9, "doGetNext6, Node: {}, Prefix: {} CommonLen: {}, skipping sub-tree", node.key(), prefix, commonLen);
+    return {};
+  }
+  Addrkit::IpGenPrefix next = doGetNext6(trie, node.leftChild(), prefix, recursionDepth + 1);
+  if (!next.isEmpty()) return next;
+  return doGetNext6(trie, node.rightChild(), prefix, recursionDepth + 1);
+}
+
+// ---- Pre-order walk ----
+
+bool doPreOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Ip6Prefix& key,
+                     bool allLengths) {
+  TrieNode6 node = trie->trieNode6(key);
+  if (node == absentNode6()) node = lpm6Node(trie, key);
+  TRIE_TRACE(6, "doPreOrderWalk6 Node: {}", node.key());
+  if (node == absentNode6()) return true;
+
+  const U32 start = allLengths ? 1 : key.len();
+  TRIE_TRACE(6, "visitNode6 Node: {} black0: {} black1: {} black2: {} black3: {} left child: {} right child: {}",
+             node.key(), node.black0(), node.black1(), node.black2(), node.black3(), node.leftChild(),
+             node.rightChild());
+  if (anyBlack6(node)) {
+    for (U32 len = start; len <= 128; ++len) {
+      if (!hasBlack6(node, len)) continue;
+      const WalkAction action = callback->handleWalkCallback(prefixAlong6(node.key(), len));
+      if (action == abortWalk) return false;
+      if (action == skipSubtree) return true;
+    }
+  }
+  if (node.leftChild() != nullPrefix6 && !doPreOrderWalk6(trie, callback, node.leftChild(), true)) return false;
+  if (node.rightChild() != nullPrefix6) return doPreOrderWalk6(trie, callback, node.rightChild(), true);
+  return true;
+}
+
+void preOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback,
+                   const Addrkit::Ip6Prefix& subtreeRoot) {
+  if (!(trie->trieNode6(prefix0128) == absentNode6())) {
+    TRIE_TRACE(6, "preOrderWalk 0/128 inside collection - 0/0 was inserted");
+    if (callback->handleWalkCallback(prefix006) == abortWalk) return;
+  }
+  if (subtreeRoot != rootPrefix6) {
+    doPreOrderWalk6(trie, callback, subtreeRoot, false);
+    return;
+  }
+  const TrieNode6 root = trie->trieNode6(rootPrefix6);
+  if (root.leftChild() == nullPrefix6) return;
+  doPreOrderWalk6(trie, callback, root.leftChild(), true);
+}
+
+}  // namespace Routing::Lattice

@@ -1,0 +1,1 @@
+depot_test(TrieEntityTest SOURCES TrieEntityTest.cpp LIBS DepotTrie)

@@ -1,0 +1,1 @@
+depot_test(TrieMountTest SOURCES MountTest.cpp LIBS DepotTrie)

@@ -1,0 +1,1 @@
+depot_test(TrieNodeTest SOURCES TrieNodeTest.cpp LIBS DepotTrie)
