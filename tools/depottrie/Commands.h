@@ -1,0 +1,48 @@
+#pragma once
+// The subcommands of depottrie. Each returns the process exit status and
+// raises Basis::Exception for a failure that ends it (one line on stderr).
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Addrkit/Prefix.h"
+#include "TrieLib/DepotTrie.h"
+#include "TrieLib/Mount.h"
+
+namespace DepotTrieTool {
+
+// Which shared trie a command works on.
+struct Target {
+  std::string name = "routes";
+  Routing::Lattice::MountOptions mount;
+};
+
+// A prefix or bare address (a host prefix); bad text raises
+// Basis::RangeException "invalid IPv4 prefix 'TEXT'" (IPv6 when it holds ':').
+Addrkit::IpGenPrefix prefixFromText(std::string_view text);
+// The keys the trie keeps for itself, which cannot be stored as routes:
+// 0.0.0.0/32, 255.255.255.255/32, ::/128 and the all-ones /128.
+bool reservedPrefix(const Addrkit::IpGenPrefix& p);
+// The storage keys of the default routes, which a successor search refuses.
+bool defaultRouteKey(const Addrkit::IpGenPrefix& p);
+// Whether outer covers inner (same family, inner at least as long and equal
+// in outer's bits).
+bool covers(const Addrkit::IpGenPrefix& outer, const Addrkit::IpGenPrefix& inner);
+
+int loadCommand(const Target& target, const std::vector<std::string>& files);
+// The longest stored prefix covering each query (Trie::longestMatch, which
+// also finds an odd-length prefix that Trie::lpm misses).
+int lookupCommand(const Target& target, const std::vector<std::string>& queries);
+// family 0 lists both; under empty lists everything of the family.
+int listCommand(const Target& target, const std::string& under, int family);
+int nextCommand(const Target& target, const std::string& prefix);
+int statsCommand(const Target& target);
+int checkCommand(const Target& target);
+int dropCommand(const Target& target);
+// Times Trie::lpm and Trie::longestMatch over random addresses inside stored
+// prefixes, per family.
+int benchCommand(const Target& target, U64 count, U64 seed);
+// local: a process-local trie instead of the shared one.
+int batchCommand(const Target& target, bool local);
+
+}  // namespace DepotTrieTool

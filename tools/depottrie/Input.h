@@ -1,0 +1,55 @@
+#pragma once
+// Line-by-line reading of route files: plain text or xz-compressed (told
+// apart by the xz magic bytes, so compressed standard input works too).
+#include <lzma.h>
+
+#include <string>
+#include <vector>
+
+#include "Basis/Types.h"
+
+namespace DepotTrieTool {
+
+class InputFile {
+ public:
+  // "-" is standard input. Raises Basis::SystemException naming the file
+  // when it cannot be opened.
+  explicit InputFile(const std::string& path);
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  // The name used in messages ("<stdin>" for standard input).
+  const std::string& displayName() const { return displayName_; }
+  // Next line without its line end; false at the end of the input. Raises
+  // Basis::Exception naming the file on a read error or damaged xz data.
+  bool readLine(std::string& line);
+  // Bytes of the file taken in so far (read and passed on to the decoder or
+  // the line buffer), and its size (0 when unknown).
+  U64 consumed() const { return readBytes_ - (rawLen_ - rawPos_); }
+  U64 size() const { return size_; }
+
+ private:
+  // Everything after opening: file kind, size, xz detection.
+  void start(const std::string& path);
+  // Refills text_ from the file; false at the end.
+  bool fill();
+  size_t readRaw(U8* buf, size_t n);
+
+  std::string displayName_;
+  int fd_ = -1;
+  bool ownsFd_ = false;
+  bool xz_ = false;
+  bool rawEnd_ = false;
+  bool decodeEnd_ = false;
+  lzma_stream lzma_ = LZMA_STREAM_INIT;
+  std::vector<U8> raw_;
+  size_t rawPos_ = 0;
+  size_t rawLen_ = 0;
+  std::string text_;
+  size_t textPos_ = 0;
+  U64 readBytes_ = 0;
+  U64 size_ = 0;
+};
+
+}  // namespace DepotTrieTool

@@ -1,0 +1,94 @@
+// depottrie: load, inspect and query DepotTrie route tables in shared memory.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "Commands.h"
+#include "Kiln/Trace.h"
+
+int main(int argc, char** argv) {
+  using namespace DepotTrieTool;
+
+  CLI::App app{"Load, inspect and query DepotTrie route tables in shared memory.", "depottrie"};
+  app.require_subcommand(1);
+  app.fallthrough();
+  std::string root;
+  std::string trace;
+  app.add_option("--root", root, "directory of the shared tables (default: $DEPOT_ROOT, else /dev/shm/depot)");
+  app.add_option("--trace", trace, "trace levels as in KILN_TRACE, e.g. DepotTrie/0-9");
+
+  Target target;
+  auto nameOption = [&target](CLI::App* sub) {
+    return sub->add_option("--name,-n", target.name, "trie name")->capture_default_str();
+  };
+
+  std::vector<std::string> files;
+  CLI::App* load = app.add_subcommand("load", "insert prefixes from files into a shared trie (its writer)");
+  load->add_option("files", files, "one prefix per line, # comments; - is standard input; .xz is read directly")
+      ->required();
+  nameOption(load);
+
+  std::vector<std::string> queries;
+  CLI::App* lookup = app.add_subcommand("lookup", "the longest stored prefix covering each address or prefix");
+  lookup->add_option("queries", queries, "addresses or prefixes")->required();
+  nameOption(lookup);
+
+  std::string under;
+  int family = 0;
+  CLI::App* list = app.add_subcommand("list", "the stored prefixes in walk order");
+  list->add_option("--under", under, "only the prefixes under this one");
+  list->add_option("--family", family, "4 or 6 (default: both)")->check(CLI::IsMember({4, 6}));
+  nameOption(list);
+
+  std::string prefix;
+  CLI::App* next = app.add_subcommand("next", "the stored prefix after a prefix (the null prefix of a family gives its first)");
+  next->add_option("prefix", prefix, "a prefix, e.g. 10.0.0.0/8 or 255.255.255.255/32")->required();
+  nameOption(next);
+
+  CLI::App* stats = app.add_subcommand("stats", "records, occupancy, bytes, depth histogram and counters");
+  nameOption(stats);
+
+  CLI::App* check = app.add_subcommand("check", "verify the trie's structure; exit status 1 on damage");
+  nameOption(check);
+
+  CLI::App* drop = app.add_subcommand("drop", "remove a trie's shared tables");
+  nameOption(drop);
+
+  bool local = false;
+  CLI::App* batch = app.add_subcommand("batch", "run the batch line protocol from standard input");
+  CLI::Option* batchName = nameOption(batch);
+  batch->add_flag("--local", local, "use a process-local trie instead of a shared one")->excludes(batchName);
+
+  U64 count = 1000000;
+  U64 seed = 1;
+  CLI::App* bench = app.add_subcommand("bench", "timed random lookups of addresses inside stored prefixes");
+  bench->add_option("--count", count, "lookups per family")->capture_default_str();
+  bench->add_option("--seed", seed, "random seed")->capture_default_str();
+  nameOption(bench);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+
+  try {
+    if (!trace.empty()) Kiln::traceConfigIs(trace);
+    if (!root.empty()) target.mount.root = root;
+    if (*load) return loadCommand(target, files);
+    if (*lookup) return lookupCommand(target, queries);
+    if (*list) return listCommand(target, under, family);
+    if (*next) return nextCommand(target, prefix);
+    if (*stats) return statsCommand(target);
+    if (*check) return checkCommand(target);
+    if (*drop) return dropCommand(target);
+    if (*batch) return batchCommand(target, local);
+    return benchCommand(target, count, seed);
+  } catch (const std::exception& e) {
+    std::fflush(stdout);
+    fmt::print(stderr, "depottrie: {}\n", e.what());
+    return 1;
+  }
+}
