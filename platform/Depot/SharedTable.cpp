@@ -12,6 +12,7 @@
 #include <queue>
 #include <vector>
 
+#include "Basis/Assert.h"
 #include "Basis/Debug.h"
 #include "Depot/SharedTableFile.h"
 
@@ -233,6 +234,18 @@ class SharedTableImpl final : public SharedTable {
     return map_->generation();
   }
   U64 updateCounter() const override { return loadAcquire(map_->header().updateCounter); }
+  void updateBegin() override {
+    requireWriter();
+    BASIS_ASSERT(!inBracket_, "Depot/SharedTable.cpp");
+    beginUpdate();
+    inBracket_ = true;
+  }
+  void updateEnd() override {
+    requireWriter();
+    BASIS_ASSERT(inBracket_, "Depot/SharedTable.cpp");
+    inBracket_ = false;
+    endUpdate();
+  }
   SharedTableStats stats() const override {
     followSuccessor();
     const Mapping& m = *map_;
@@ -421,10 +434,12 @@ class SharedTableImpl final : public SharedTable {
   }
 
   void beginUpdate() {
+    if (inBracket_) return;
     std::atomic_ref<U64>(map_->header().updateCounter).store(counter_ + 1, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
   }
   void endUpdate() {
+    if (inBracket_) return;
     counter_ += 2;
     storeRelease(map_->header().updateCounter, counter_);
   }
@@ -583,6 +598,7 @@ class SharedTableImpl final : public SharedTable {
   U64 corruptionCount_ = 0;
   // Writer state, mirrored in the header for readers.
   U64 counter_ = 0;
+  bool inBracket_ = false;
   U64 occupancy_ = 0;
   U64 highWater_ = 0;
   std::priority_queue<U32, std::vector<U32>, std::greater<U32>> freeSlots_;

@@ -58,9 +58,6 @@ class SharedTable : public Table {
   static std::unique_ptr<SharedTable> readerNew(const RecordLayout& layout, const std::string& path);
 
   virtual U64 generation() const = 0;
-  // Even while the table is at rest, odd while the writer changes it; it
-  // changes with every write, removal and commit.
-  virtual U64 updateCounter() const = 0;
   virtual SharedTableStats stats() const = 0;
 };
 

@@ -71,6 +71,15 @@ class Table {
   virtual bool iterFrom(const U8* key, U64& hint, U8* out) const = 0;
   virtual bool iterNext(U64& hint, U8* out) const = 0;
 
+  // Brackets one logical update (several writes and removals that belong
+  // together). The update counter is odd from updateBegin to updateEnd and
+  // even at rest; a write or removal outside a bracket is an update of its
+  // own. Readers compare the counter before and after a query to know that
+  // no update overlapped it. Brackets do not nest.
+  virtual void updateBegin() = 0;
+  virtual void updateEnd() = 0;
+  virtual U64 updateCounter() const = 0;
+
   // Damage found by a caller; kept for inspection and logged.
   virtual void reportCorruption(std::string_view message) = 0;
   virtual U64 corruptionCount() const = 0;

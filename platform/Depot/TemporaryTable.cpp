@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "Basis/Assert.h"
 #include "Basis/Debug.h"
 #include "Depot/Table.h"
 
@@ -47,6 +48,7 @@ class TemporaryTable final : public Table {
       ++occupancy_;
     }
     std::memcpy(record(slot), rec, layout_.recordSize);
+    touched();
   }
 
   bool remove(const U8* key, U8* removed) override {
@@ -59,6 +61,7 @@ class TemporaryTable final : public Table {
     next_[slot] = freeHead_;
     freeHead_ = slot;
     --occupancy_;
+    touched();
     return true;
   }
 
@@ -70,7 +73,20 @@ class TemporaryTable final : public Table {
   void commit(const U8* rec) override {
     if (inPlace(rec + layout_.keyOffset) != rec)
       throw CorruptionException(fmt::format("{}: commit of a record that is not stored in place", name_));
+    touched();
   }
+
+  void updateBegin() override {
+    BASIS_ASSERT(!inBracket_, "Depot/TemporaryTable.cpp");
+    inBracket_ = true;
+    ++counter_;
+  }
+  void updateEnd() override {
+    BASIS_ASSERT(inBracket_, "Depot/TemporaryTable.cpp");
+    inBracket_ = false;
+    ++counter_;
+  }
+  U64 updateCounter() const override { return counter_; }
 
   bool iterFirst(U64& hint, U8* out) const override { return scanFrom(0, hint, out); }
   bool iterFrom(const U8* key, U64& hint, U8* out) const override {
@@ -91,6 +107,9 @@ class TemporaryTable final : public Table {
   }
 
  private:
+  void touched() {
+    if (!inBracket_) counter_ += 2;
+  }
   U8* record(U32 slot) { return records_.data() + U64(slot) * layout_.recordSize; }
   const U8* record(U32 slot) const { return records_.data() + U64(slot) * layout_.recordSize; }
   U32 bucketOf(const U8* key) const { return U32(keyHash(key, layout_.keySize) & (buckets_.size() - 1)); }
@@ -157,6 +176,8 @@ class TemporaryTable final : public Table {
   U32 freeHead_ = none;
   U64 occupancy_ = 0;
   U64 corruptionCount_ = 0;
+  U64 counter_ = 0;
+  bool inBracket_ = false;
 };
 
 }  // namespace

@@ -259,6 +259,9 @@ class DamagedTable : public Depot::Table {
   bool remove(const U8*, U8*) override { throw Depot::CorruptionException("chain loops"); }
   U8* inPlace(const U8*) override { throw Depot::CorruptionException("chain loops"); }
   void commit(const U8*) override { throw Depot::CorruptionException("chain loops"); }
+  void updateBegin() override {}
+  void updateEnd() override {}
+  U64 updateCounter() const override { return 0; }
   bool iterFirst(U64&, U8*) const override { return false; }
   bool iterFrom(const U8*, U64&, U8*) const override { return false; }
   bool iterNext(U64&, U8*) const override { return false; }
