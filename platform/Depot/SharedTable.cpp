@@ -10,6 +10,7 @@
 #include <cstring>
 #include <functional>
 #include <queue>
+#include <utility>
 #include <vector>
 
 #include "Basis/Assert.h"
@@ -22,12 +23,19 @@ namespace {
 using namespace sharedfile;
 
 constexpr const char* readerWriteMessage = "invalid attempt to write scratchpad as reader";
+constexpr const char* sourcePath = "Depot/SharedTable.cpp";
 
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_ia32_pause();
 #endif
 }
+
+// Keeps the compiler from moving stores across it. A killed writer stops
+// between two instructions and every store before that point reaches the
+// shared file, so with the stores in program order the file shows a prefix
+// of the writer's work, which recovery relies on.
+inline void storeOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
 // A reader's wait for the writer to finish what it is doing. wait() is false
 // once the writer is gone (nobody holds the writer lock) and no newer
@@ -51,8 +59,7 @@ enum class SlotRead { ok, busy, free };
 enum class Outcome { found, absent, unsettled, broken };
 enum class Problem { none, slotOutside, freeSlot, endless };
 
-// The result of one pass over a probe sequence: the slot and index position
-// of the key, or the empty position where it would go.
+// The result of one pass over a probe sequence.
 struct Probe {
   Outcome outcome;
   U64 slot = 0;
@@ -60,13 +67,44 @@ struct Probe {
   Problem problem = Problem::none;
 };
 
-std::string describe(const Probe& p, const Geometry& g) {
-  switch (p.problem) {
+// Where the writer finds a key: its slot and index position, or (absent)
+// the position where it would go, the first tombstone of its probe sequence
+// or else the empty entry that ends it.
+struct Spot {
+  bool found;
+  U64 slot;
+  U64 position;
+};
+
+std::string describe(Problem problem, U64 position, U64 slot, const Geometry& g) {
+  switch (problem) {
     case Problem::slotOutside:
-      return fmt::format("index entry {} names slot {} of a table of {}", p.position, p.slot, g.capacity);
-    case Problem::freeSlot: return fmt::format("index entry {} names the free slot {}", p.position, p.slot);
+      return fmt::format("index entry {} names slot {} of a table of {}", position, slot, g.capacity);
+    case Problem::freeSlot: return fmt::format("index entry {} names the free slot {}", position, slot);
     default: return fmt::format("a probe sequence of {} entries does not end", g.indexEntries);
   }
+}
+
+// The last n (< 8) bytes of a key as a little-endian word, read without a
+// round trip through memory (which would stall on store forwarding).
+template <U32 n>
+U64 keyTail(const U8* p) {
+  U64 v = 0;
+  U32 at = 0;
+  if constexpr (n & 4) {
+    U32 w;
+    std::memcpy(&w, p, 4);
+    v = w;
+    at = 4;
+  }
+  if constexpr (n & 2) {
+    U16 w;
+    std::memcpy(&w, p + at, 2);
+    v |= U64(w) << (8 * at);
+    at += 2;
+  }
+  if constexpr (n & 1) v |= U64(p[at]) << (8 * at);
+  return v;
 }
 
 // Depot::keyHash with the key length known at compile time (the same values:
@@ -81,9 +119,7 @@ U64 fixedKeyHash(const U8* key) {
     h = (h ^ v) * 0xbf58476d1ce4e5b9ull;
     h ^= h >> 31;
   }
-  U64 v = 0;
-  std::memcpy(&v, key + at, N - at);
-  h = (h ^ v) * 0x94d049bb133111ebull;
+  h = (h ^ keyTail<N % 8>(key + at)) * 0x94d049bb133111ebull;
   h ^= h >> 29;
   h *= 0xbf58476d1ce4e5b9ull;
   return h ^ (h >> 32);
@@ -95,6 +131,19 @@ void checkLayout(const RecordLayout& layout, const std::string& path) {
     throw Basis::RangeException(fmt::format("{}: bad record layout for {}", path, layout.typeName));
 }
 
+// Sorts (home << 32 | entry) items by home, 11 bits a pass.
+void sortByHome(std::vector<U64>& items, U64 indexEntries) {
+  std::vector<U64> spare(items.size());
+  for (U32 shift = 32; shift < 32 + std::bit_width(indexEntries); shift += 11) {
+    U64 counts[2048] = {};
+    for (U64 v : items) ++counts[(v >> shift) & 2047];
+    U64 at = 0;
+    for (U64& c : counts) at += std::exchange(c, at);
+    for (U64 v : items) spare[counts[(v >> shift) & 2047]++] = v;
+    items.swap(spare);
+  }
+}
+
 class SharedTableImpl final : public SharedTable {
  public:
   SharedTableImpl(const RecordLayout& layout, std::string path, bool writer, const SharedTableOptions& options,
@@ -102,7 +151,9 @@ class SharedTableImpl final : public SharedTable {
       : layout_(layout), path_(std::move(path)), writer_(writer), options_(options), map_(std::move(m)),
         scratch_(layout.recordSize) {
     if (writer_) {
-      counter_ = loadRelaxed(map_->header().updateCounter);
+      counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
+      const U32 tombstone = tombstoneEntry(map_->geometry().slotBits);
+      for (U64 i = 0; i < indexEntries(); ++i) tombstones_ += loadRelaxed(map_->indexEntry(i)) == tombstone;
       rescan(std::min(loadRelaxed(map_->header().highWater), capacity()));
     }
   }
@@ -111,10 +162,44 @@ class SharedTableImpl final : public SharedTable {
     if (writer_) std::atomic_ref<U32>(map_->header().writerPid).store(0, std::memory_order_release);
   }
 
-  // A restarted writer starts on a fresh generation of the same size: that
-  // drops whatever a stopped writer left half-done, and readers still on the
-  // old file move over.
-  void renew() { rebuild(geometryFor(layout_, capacity(), std::max(options_.maxEntries, capacity()))); }
+  // A writer that reopens the table finishes what a stopped one left. Inside
+  // an update (odd counter) every change was journaled first: slots it was
+  // changing go back to what they held, the index is rebuilt from the slots,
+  // and the journal restores the records as they were before the update.
+  // Outside one, a slot left half-written is damage and is dropped.
+  void recover() {
+    Header& h = map_->header();
+    const bool interrupted = loadRelaxed(h.updateCounter) & 1;
+    const U32 entries = loadRelaxed(h.journalCount);
+    if (entries > journalEntries)
+      throw SharedFileException(fmt::format("{}: damaged journal ({} entries)", path_, entries));
+    // A rebuild carries the journal over.
+    journalUsed_ = interrupted ? entries : 0;
+    bool dropped = false;
+    for (U64 s = 0, top = std::min(loadRelaxed(h.highWater), capacity()); s < top; ++s) {
+      U32& seq = map_->seqWord(s);
+      if (!(seq & seqBusy)) continue;
+      if (!interrupted) {
+        reportCorruption(fmt::format("dropped slot {}, left half-written by a writer that stopped", s));
+        dropped = true;
+      }
+      storeRelease(seq, nextSeq(seq, interrupted ? seq & seqLive : 0));
+    }
+    if (interrupted || dropped) rebuild(geometryFor(layout_, capacity(), std::max(options_.maxEntries, capacity())));
+    if (!interrupted) {
+      if (entries != 0) storeRelease(map_->header().journalCount, 0);
+      return;
+    }
+    std::vector<U8> record(layout_.recordSize);
+    inBracket_ = recovering_ = true;
+    for (U32 i = entries; i-- > 0;) {
+      std::memcpy(record.data(), map_->journalRecord(i), layout_.recordSize);
+      if (loadRelaxed(map_->journalFlags(i)) & journalPresent) write(record.data());
+      else remove(record.data() + layout_.keyOffset, scratch_.data());
+    }
+    recovering_ = false;
+    updateEnd();
+  }
 
   const RecordLayout& layout() const override { return layout_; }
   const std::string& rootPath() const override { return path_; }
@@ -122,9 +207,10 @@ class SharedTableImpl final : public SharedTable {
 
   bool find(const U8* key, U8* out) const override {
     if (writer_) {  // nobody else changes the table: no sequence words to check
-      Probe p = locate(key, hashOf(key));
-      if (p.outcome == Outcome::found) std::memcpy(out, map_->slot(p.slot), layout_.recordSize);
-      return p.outcome == Outcome::found;
+      U64 slot;
+      if (!slotOf(key, hashOf(key), slot)) return false;
+      std::memcpy(out, map_->slot(slot), layout_.recordSize);
+      return true;
     }
     U32 words[maxStride / 4];
     U64 slot;
@@ -133,42 +219,65 @@ class SharedTableImpl final : public SharedTable {
     return true;
   }
 
+  void prefetch(const U8* key) const override {
+    const Mapping& m = *map_;
+    __builtin_prefetch(&m.indexEntry(homeEntry(hashOf(key), m.geometry().indexEntries)));
+  }
+
   void write(const U8* record) override {
     requireWriter();
     const U8* key = record + layout_.keyOffset;
-    U64 hash = hashOf(key);
-    Probe p = locate(key, hash);
-    if (p.outcome == Outcome::found) {
+    const U64 hash = hashOf(key);
+    Spot s{true, 0, 0};
+    if (!recentSlot(key, hash, s.slot)) {
+      s = locate(key, hash);
+      if (s.found) recentSlotIs(hash, s.slot);
+    }
+    if (s.found) {
       beginUpdate();
-      writeSlot(p.slot, record);
+      journal(key, map_->slot(s.slot));
+      writeSlot(s.slot, record);
       endUpdate();
       return;
     }
-    if (occupancy_ == capacity()) {
+    const bool intoEmpty = loadRelaxed(map_->indexEntry(s.position)) == 0;
+    if (occupancy_ == capacity() || (intoEmpty && occupancy_ + tombstones_ >= indexLimit(indexEntries()))) {
       grow();
-      p = locate(key, hash);
+      s = locate(key, hash);
     }
-    U64 slot = takeFreeSlot();
+    const U64 slot = takeFreeSlot();
     map_->reserveSlots(slot + 1);
     beginUpdate();
+    journal(key, nullptr);
+    // The high-water mark covers the slot before it holds a record: a
+    // writer that reopens the table looks at the slots below it.
+    if (slot >= highWater_) {
+      highWater_ = slot + 1;
+      storeRelease(map_->header().highWater, highWater_);
+      storeOrder();
+    }
     writeSlot(slot, record);
-    storeRelease(map_->indexEntry(p.position), entryFor(map_->geometry(), hash, slot));
+    recentSlotIs(hash, slot);
+    U32& entry = map_->indexEntry(s.position);
+    tombstones_ -= loadRelaxed(entry) != 0;
+    storeRelease(entry, entryFor(map_->geometry(), hash, slot));
     ++occupancy_;
-    highWater_ = std::max(highWater_, slot + 1);
     publishCounts();
     endUpdate();
   }
 
   bool remove(const U8* key, U8* removed) override {
     requireWriter();
-    Probe p = locate(key, hashOf(key));
-    if (p.outcome != Outcome::found) return false;
-    std::memcpy(removed, map_->slot(p.slot), layout_.recordSize);
+    const Spot s = locate(key, hashOf(key));
+    if (!s.found) return false;
+    std::memcpy(removed, map_->slot(s.slot), layout_.recordSize);
     beginUpdate();
-    deleteIndexEntry(p.position);
-    freeSlot(p.slot);
+    journal(key, map_->slot(s.slot));
+    deleteIndexEntry(s.position);
+    U32& seq = map_->seqWord(s.slot);
+    storeRelease(seq, nextSeq(seq, 0));
     --occupancy_;
-    freeSlots_.push(U32(p.slot));
+    freeSlots_.push(U32(s.slot));
     while (highWater_ > 0 && !(map_->seqWord(highWater_ - 1) & seqLive)) --highWater_;
     publishCounts();
     endUpdate();
@@ -180,10 +289,10 @@ class SharedTableImpl final : public SharedTable {
   // change, so that readers never see it half-changed.
   U8* inPlace(const U8* key) override {
     requireWriter();
-    Probe p = locate(key, hashOf(key));
-    if (p.outcome != Outcome::found) return nullptr;
-    std::memcpy(scratch_.data(), map_->slot(p.slot), layout_.recordSize);
-    scratchSlot_ = p.slot;
+    const Spot s = locate(key, hashOf(key));
+    if (!s.found) return nullptr;
+    std::memcpy(scratch_.data(), map_->slot(s.slot), layout_.recordSize);
+    scratchSlot_ = s.slot;
     scratchValid_ = true;
     return scratch_.data();
   }
@@ -193,16 +302,24 @@ class SharedTableImpl final : public SharedTable {
     if (record != scratch_.data() || !scratchValid_)
       throw CorruptionException(fmt::format("{}: commit of a record that is not stored in place", path_));
     const U8* key = record + layout_.keyOffset;
-    Probe p = locate(key, hashOf(key));
-    if (p.outcome != Outcome::found || p.slot != scratchSlot_)
+    const Spot s = locate(key, hashOf(key));
+    if (!s.found || s.slot != scratchSlot_)
       throw CorruptionException(fmt::format("{}: the record changed in place lost its slot before its commit", path_));
     beginUpdate();
-    writeSlot(p.slot, record);
+    journal(key, map_->slot(s.slot));
+    writeSlot(s.slot, record);
     endUpdate();
   }
 
   bool iterFirst(U64& hint, U8* out) const override { return scan(0, hint, out); }
   bool iterFrom(const U8* key, U64& hint, U8* out) const override {
+    if (writer_) {
+      const Spot s = locate(key, hashOf(key));
+      if (!s.found) return false;
+      std::memcpy(out, map_->slot(s.slot), layout_.recordSize);
+      hint = s.slot;
+      return true;
+    }
     U32 words[maxStride / 4];
     if (!lookup(key, words, hint)) return false;
     std::memcpy(out, words, layout_.recordSize);
@@ -225,6 +342,7 @@ class SharedTableImpl final : public SharedTable {
     return map_->geometry().capacity;
   }
   U64 bytes() const override {
+    followSuccessor();
     const Geometry& g = map_->geometry();
     return g.slotsOffset + highWaterNow(*map_) * g.stride;
   }
@@ -233,16 +351,19 @@ class SharedTableImpl final : public SharedTable {
     followSuccessor();
     return map_->generation();
   }
-  U64 updateCounter() const override { return loadAcquire(map_->header().updateCounter); }
+  U64 updateCounter() const override {
+    followSuccessor();
+    return loadAcquire(map_->header().updateCounter);
+  }
   void updateBegin() override {
     requireWriter();
-    BASIS_ASSERT(!inBracket_, "Depot/SharedTable.cpp");
+    BASIS_ASSERT(!inBracket_, sourcePath);
     beginUpdate();
     inBracket_ = true;
   }
   void updateEnd() override {
     requireWriter();
-    BASIS_ASSERT(inBracket_, "Depot/SharedTable.cpp");
+    BASIS_ASSERT(inBracket_, sourcePath);
     inBracket_ = false;
     endUpdate();
   }
@@ -255,6 +376,7 @@ class SharedTableImpl final : public SharedTable {
             .occupancy = loadRelaxed(m.header().occupancy),
             .highWater = highWaterNow(m),
             .indexEntries = g.indexEntries,
+            .tombstones = loadRelaxed(m.header().tombstones),
             .fileBytes = g.fileSize,
             .residentBytes = m.residentBytes(),
             .updateCounter = loadAcquire(m.header().updateCounter)};
@@ -264,6 +386,8 @@ class SharedTableImpl final : public SharedTable {
   void requireWriter() const {
     if (!writer_) throw AccessException(readerWriteMessage);
   }
+
+  U64 indexEntries() const { return map_->geometry().indexEntries; }
 
   // The node records' key sizes get code with the size built in.
   U64 hashOf(const U8* key) const {
@@ -285,9 +409,13 @@ class SharedTableImpl final : public SharedTable {
     return std::min(loadAcquire(m.header().highWater), m.geometry().capacity);
   }
 
-  static U32 entryFor(const Geometry& g, U64 hash, U64 slot) { return (U32(hash >> 32) << g.slotBits) | U32(slot + 1); }
+  static U32 tagOf(const Geometry& g, U64 hash) { return U32(hash) << g.slotBits; }
+  static U32 entryFor(const Geometry& g, U64 hash, U64 slot) { return tagOf(g, hash) | U32(slot + 1); }
+  // The sequence word after a change that leaves the slot live (seqLive) or
+  // free (0); the low byte is kept.
+  static U32 nextSeq(U32 old, U32 live) { return ((old & seqVersionMask) + seqVersionStep) | live | (old & 0xFFu); }
 
-  // ---- Reading (both sides) ----
+  // ---- Reading (readers) ----
 
   // Copies slot into words under its sequence word: `ok` only for a whole,
   // unchanged record.
@@ -304,62 +432,68 @@ class SharedTableImpl final : public SharedTable {
     return SlotRead::ok;
   }
 
-  // One pass over the key's probe sequence. A pass that meets a slot being
-  // changed is unsettled; one that meets something no consistent table holds
-  // is broken (or raced with the writer: the caller tells which).
+  // One pass over the key's probe sequence. Entries do not move and records
+  // keep their slots while a generation lives, so a key present throughout
+  // the pass is found. A pass that meets a slot being changed is unsettled;
+  // one that meets what no consistent table holds is broken (or raced with
+  // the writer: the caller tells which).
   Probe probe(const Mapping& m, const U8* key, U64 hash, U32* words) const {
     const Geometry& g = m.geometry();
-    const U64 mask = g.indexEntries - 1;
     const U32 slotMask = (U32(1) << g.slotBits) - 1;
-    const U32 tag = U32(hash >> 32) << g.slotBits;
-    U64 pos = hash & mask;
-    for (U64 n = 0; n < g.indexEntries; ++n, pos = (pos + 1) & mask) {
-      U32 e = loadAcquire(m.indexEntry(pos));
+    const U32 tag = tagOf(g, hash);
+    const U32 tombstone = tombstoneEntry(g.slotBits);
+    U64 pos = homeEntry(hash, g.indexEntries);
+    for (U64 n = 0; n < g.indexEntries;) {
+      const U32 e = loadAcquire(m.indexEntry(pos));
       if (e == 0) return {Outcome::absent, 0, pos};
-      if ((e & ~slotMask) != tag) continue;
-      U64 slot = U64(e & slotMask) - 1;
-      if ((e & slotMask) == 0 || slot >= g.capacity) return {Outcome::broken, slot, pos, Problem::slotOutside};
-      switch (readSlot(m, slot, words)) {
-        case SlotRead::busy: return {Outcome::unsettled, slot, pos};
-        case SlotRead::free: return {Outcome::broken, slot, pos, Problem::freeSlot};
-        case SlotRead::ok:
-          if (sameKey(reinterpret_cast<const U8*>(words) + layout_.keyOffset, key)) return {Outcome::found, slot, pos};
-          break;
+      if (e != tombstone && (e & ~slotMask) == tag) {
+        const U64 slot = U64(e & slotMask) - 1;
+        if ((e & slotMask) == 0 || slot >= g.capacity) return {Outcome::broken, slot, pos, Problem::slotOutside};
+        switch (readSlot(m, slot, words)) {
+          case SlotRead::busy: return {Outcome::unsettled, slot, pos};
+          case SlotRead::free:
+            // The key was removed after the entry was read: look again.
+            if (loadAcquire(m.indexEntry(pos)) != e) continue;
+            return {Outcome::broken, slot, pos, Problem::freeSlot};
+          case SlotRead::ok:
+            if (sameKey(reinterpret_cast<const U8*>(words) + layout_.keyOffset, key))
+              return {Outcome::found, slot, pos};
+            break;
+        }
       }
+      ++n;
+      pos = pos + 1 == g.indexEntries ? 0 : pos + 1;
     }
     return {Outcome::broken, 0, pos, Problem::endless};
   }
 
-  // A reader accepts a miss or a broken pass only when the update counter was
-  // even and unchanged across it; otherwise it waits for the writer and
-  // tries again.
+  // A broken pass is damage only when it repeats with the update counter
+  // even and unchanged across it; otherwise the reader waits for the writer
+  // and tries again.
   bool lookup(const U8* key, U32* words, U64& slot) const {
     const U64 hash = hashOf(key);
     Patience patience;
     for (;;) {
       followSuccessor();
       const Mapping& m = *map_;
-      U64 before = loadAcquire(m.header().updateCounter);
       Probe p = probe(m, key, hash, words);
+      bool settled = true;
+      if (p.outcome == Outcome::broken) {
+        const U64 before = loadAcquire(m.header().updateCounter);
+        p = probe(m, key, hash, words);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        settled = !(before & 1) && loadRelaxed(m.header().updateCounter) == before;
+      }
       if (p.outcome == Outcome::found) {
         slot = p.slot;
         return true;
       }
-      if (p.outcome != Outcome::unsettled) {
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (!(before & 1) && loadRelaxed(m.header().updateCounter) == before) return settle(p);
-      }
-      if (!patience.wait(m)) return settle(p);
-    }
-  }
-
-  bool settle(const Probe& p) const {
-    switch (p.outcome) {
-      case Outcome::absent: return false;
-      case Outcome::unsettled:
+      if (p.outcome == Outcome::absent) return false;
+      if ((p.outcome == Outcome::unsettled || !settled) && patience.wait(m)) continue;
+      if (p.outcome == Outcome::unsettled)
         throw CorruptionException(
             fmt::format("{}: slot {} was left half-written by a writer that stopped", path_, p.slot));
-      default: throw CorruptionException(fmt::format("{}: {}", path_, describe(p, map_->geometry())));
+      throw CorruptionException(fmt::format("{}: {}", path_, describe(p.problem, p.position, p.slot, m.geometry())));
     }
   }
 
@@ -409,61 +543,132 @@ class SharedTableImpl final : public SharedTable {
 
   // ---- Writing (writer only) ----
 
+  // The slot of a key the writer met lately, from a small cache by hash:
+  // slot + 1 with the hash's high half as a tag, so that a key missing from
+  // the cache rarely costs a look at a slot. A cached slot counts only while
+  // it still holds the key, so the cache needs no upkeep: slots keep their
+  // numbers in every generation.
+  bool recentSlot(const U8* key, U64 hash, U64& slot) const {
+    const U64 cached = recent_[hash % recentSize];
+    if (cached >> 32 != hash >> 32 || U32(cached) == 0 || U32(cached) > highWater_) return false;
+    slot = U32(cached) - 1;
+    return (map_->seqWord(slot) & seqLive) && sameKey(map_->slot(slot) + layout_.keyOffset, key);
+  }
+  void recentSlotIs(U64 hash, U64 slot) const { recent_[hash % recentSize] = (hash >> 32 << 32) | (slot + 1); }
+  bool slotOf(const U8* key, U64 hash, U64& slot) const {
+    if (recentSlot(key, hash, slot)) return true;
+    const Spot s = locate(key, hash);
+    if (!s.found) return false;
+    recentSlotIs(hash, s.slot);
+    slot = s.slot;
+    return true;
+  }
+
   // The writer's probe: nobody else changes the table, so it compares keys
   // in place.
-  Probe locate(const U8* key, U64 hash) const { return locateIn(*map_, key, hash); }
-  Probe locateIn(const Mapping& m, const U8* key, U64 hash) const {
+  Spot locate(const U8* key, U64 hash) const { return locateIn(*map_, key, hash); }
+  Spot locateIn(const Mapping& m, const U8* key, U64 hash) const {
     const Geometry& g = m.geometry();
-    const U64 mask = g.indexEntries - 1;
     const U32 slotMask = (U32(1) << g.slotBits) - 1;
-    const U32 tag = U32(hash >> 32) << g.slotBits;
-    U64 pos = hash & mask;
-    for (U64 n = 0; n < g.indexEntries; ++n, pos = (pos + 1) & mask) {
-      U32 e = loadRelaxed(m.indexEntry(pos));
-      if (e == 0) return {Outcome::absent, 0, pos};
+    const U32 tag = tagOf(g, hash);
+    const U32 tombstone = tombstoneEntry(g.slotBits);
+    U64 pos = homeEntry(hash, g.indexEntries);
+    U64 firstTombstone = g.indexEntries;
+    for (U64 n = 0; n < g.indexEntries; ++n, pos = pos + 1 == g.indexEntries ? 0 : pos + 1) {
+      const U32 e = loadRelaxed(m.indexEntry(pos));
+      if (e == 0) return {false, 0, firstTombstone < g.indexEntries ? firstTombstone : pos};
+      if (e == tombstone) {
+        firstTombstone = std::min(firstTombstone, pos);
+        continue;
+      }
       if ((e & ~slotMask) != tag) continue;
-      U64 slot = U64(e & slotMask) - 1;
-      Probe p{Outcome::broken, slot, pos, Problem::none};
-      if ((e & slotMask) == 0 || slot >= g.capacity) p.problem = Problem::slotOutside;
-      else if (!(m.seqWord(slot) & seqLive)) p.problem = Problem::freeSlot;
-      else if (sameKey(m.slot(slot) + layout_.keyOffset, key)) return {Outcome::found, slot, pos};
+      const U64 slot = U64(e & slotMask) - 1;
+      Problem problem = Problem::none;
+      if ((e & slotMask) == 0 || slot >= g.capacity) problem = Problem::slotOutside;
+      else if (!(m.seqWord(slot) & seqLive)) problem = Problem::freeSlot;
+      else if (sameKey(m.slot(slot) + layout_.keyOffset, key)) return {true, slot, pos};
       else continue;
-      throw CorruptionException(fmt::format("{}: {}", path_, describe(p, g)));
+      throw CorruptionException(fmt::format("{}: {}", path_, describe(problem, pos, slot, g)));
     }
-    throw CorruptionException(fmt::format("{}: {}", path_, describe({Outcome::broken, 0, pos, Problem::endless}, g)));
+    throw CorruptionException(fmt::format("{}: {}", path_, describe(Problem::endless, pos, 0, g)));
   }
 
   void beginUpdate() {
     if (inBracket_) return;
-    std::atomic_ref<U64>(map_->header().updateCounter).store(counter_ + 1, std::memory_order_relaxed);
+    storeRelaxed(map_->header().updateCounter, counter_ + 1);
     std::atomic_thread_fence(std::memory_order_release);
   }
+  // The counter goes even before the journal empties: a writer stopped in
+  // between leaves a complete update and a journal that the next one drops.
   void endUpdate() {
     if (inBracket_) return;
     counter_ += 2;
     storeRelease(map_->header().updateCounter, counter_);
+    storeOrder();
+    if (journalUsed_ == 0) return;
+    journalUsed_ = 0;
+    storeRelease(map_->header().journalCount, 0);
   }
   void publishCounts() {
-    std::atomic_ref<U64>(map_->header().occupancy).store(occupancy_, std::memory_order_relaxed);
+    storeRelaxed(map_->header().occupancy, occupancy_);
+    storeRelaxed(map_->header().tombstones, tombstones_);
     storeRelease(map_->header().highWater, highWater_);
+  }
+
+  // Saves the record under key as it was before this update (old, or
+  // nothing) the first time the update changes it. The entry is complete
+  // before the count takes it in, and the count is raised before the table
+  // changes.
+  void journal(const U8* key, const U8* old) {
+    if (recovering_) return;
+    for (U32 i = 0; i < journalUsed_; ++i)
+      if (sameKey(map_->journalRecord(i) + layout_.keyOffset, key)) return;
+    BASIS_ASSERT_TEXT(journalUsed_ < journalEntries, "journalUsed_ < journalEntries && \"update too large\"",
+                      sourcePath, __PRETTY_FUNCTION__);
+    U8* entry = map_->journalRecord(journalUsed_);
+    if (old) {
+      std::memcpy(entry, old, layout_.recordSize);
+    } else {
+      std::memset(entry, 0, layout_.recordSize);
+      std::memcpy(entry + layout_.keyOffset, key, layout_.keySize);
+    }
+    map_->journalFlags(journalUsed_) = old ? journalPresent : 0;
+    storeOrder();
+    storeRelease(map_->header().journalCount, ++journalUsed_);
+    storeOrder();
   }
 
   void writeSlot(U64 slot, const U8* record) {
     const U32 n = map_->geometry().stride / 4;
     U32* p = reinterpret_cast<U32*>(map_->slot(slot));
-    U32 old = loadRelaxed(p[n - 1]);
+    const U32 old = loadRelaxed(p[n - 1]);
     storeRelaxed(p[n - 1], old | seqBusy);
     std::atomic_thread_fence(std::memory_order_release);
-    U32 words[maxStride / 4] = {};
+    U32 words[maxStride / 4];
+    for (U32 w = layout_.recordSize / 4; w < n; ++w) words[w] = 0;
     std::memcpy(words, record, layout_.recordSize);
     for (U32 w = 0; w + 1 < n; ++w) storeRelaxed(p[w], words[w]);
-    storeRelease(p[n - 1], ((old & seqVersionMask) + seqVersionStep) | seqLive | (words[n - 1] & 0xFFu));
+    storeRelease(p[n - 1], nextSeq((old & ~0xFFu) | (words[n - 1] & 0xFFu), seqLive));
   }
 
-  void freeSlot(U64 slot) {
-    U32& seq = map_->seqWord(slot);
-    U32 old = loadRelaxed(seq);
-    storeRelease(seq, ((old & seqVersionMask) + seqVersionStep) | (old & 0xFFu));
+  // A removed key leaves a tombstone, so that no entry moves under a reader;
+  // a tombstone followed by an empty entry ends no probe sequence that goes
+  // on past it, and it becomes empty with the tombstones before it.
+  void deleteIndexEntry(U64 position) {
+    const U64 n = indexEntries();
+    const U32 tombstone = tombstoneEntry(map_->geometry().slotBits);
+    if (loadRelaxed(map_->indexEntry(position + 1 == n ? 0 : position + 1)) != 0) {
+      storeRelease(map_->indexEntry(position), tombstone);
+      ++tombstones_;
+      return;
+    }
+    storeRelease(map_->indexEntry(position), 0);
+    for (U64 pos = position, k = 0; k < n; ++k) {
+      pos = pos == 0 ? n - 1 : pos - 1;
+      if (loadRelaxed(map_->indexEntry(pos)) != tombstone) break;
+      storeRelease(map_->indexEntry(pos), 0);
+      --tombstones_;
+    }
   }
 
   // Lowest free slot first, so that records stay packed at the start of the
@@ -478,34 +683,7 @@ class SharedTableImpl final : public SharedTable {
     return highWater_;
   }
 
-  U64 homeOf(U32 entry) const {
-    U64 slot = U64(entry & ((U32(1) << map_->geometry().slotBits) - 1)) - 1;
-    if (slot >= capacity()) throw CorruptionException(fmt::format("{}: index entry names slot {}", path_, slot));
-    return hashOf(map_->slot(slot) + layout_.keyOffset) & (map_->geometry().indexEntries - 1);
-  }
-
-  // Backward-shift deletion: entries after the hole that may live in it move
-  // up, so probe sequences stay unbroken without tombstones. An entry is
-  // written to its new position before its old one is reused, so a reader
-  // can at worst miss it during the move, which the update counter reveals.
-  void deleteIndexEntry(U64 position) {
-    const U64 mask = map_->geometry().indexEntries - 1;
-    U64 hole = position;
-    for (U64 j = (position + 1) & mask, n = 0;; j = (j + 1) & mask) {
-      if (++n > mask) throw CorruptionException(fmt::format("{}: the index has no empty entry", path_));
-      U32 e = loadRelaxed(map_->indexEntry(j));
-      if (e == 0) break;
-      U64 home = homeOf(e);
-      bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
-      if (!stays) {
-        storeRelease(map_->indexEntry(hole), e);
-        hole = j;
-      }
-    }
-    storeRelease(map_->indexEntry(hole), 0);
-  }
-
-  // Recomputes the writer's own counts and free slots from the mapping.
+  // Recomputes the writer's slot counts and free slots from the mapping.
   void rescan(U64 top) {
     highWater_ = top;
     while (highWater_ > 0 && !(map_->seqWord(highWater_ - 1) & seqLive)) --highWater_;
@@ -518,9 +696,13 @@ class SharedTableImpl final : public SharedTable {
     publishCounts();
   }
 
+  // A table that is full, or whose index is full of tombstones, is rebuilt
+  // with room for half as many records again.
   void grow() {
-    Geometry g = geometryFor(layout_, capacity() + 1, options_.maxEntries);
-    if (g.capacity <= capacity()) throw TableFullException(occupancy_, capacity(), path_);
+    const U64 wanted = std::max(loadRelaxed(map_->header().minCapacity),
+                                (occupancy_ + 1) * growNumerator / growDenominator + 1);
+    const Geometry g = geometryFor(layout_, std::max(wanted, highWater_), options_.maxEntries);
+    if (g.capacity <= occupancy_ || g.capacity < highWater_) throw TableFullException(occupancy_, capacity(), path_);
     rebuild(g);
   }
 
@@ -539,8 +721,8 @@ class SharedTableImpl final : public SharedTable {
 
   // Builds the next generation of geometry g (holding every slot below the
   // high-water mark at the same number), publishes it with one store in the
-  // current header and puts it in place under the table's name. Slots left
-  // half-written by a writer that stopped are dropped.
+  // current header and puts it in place under the table's name. An update
+  // in progress carries over: its counter and journal go with it.
   void rebuild(const Geometry& g) {
     const U64 top = highWater_;
     const U64 gen = map_->generation() + 1;
@@ -548,36 +730,21 @@ class SharedTableImpl final : public SharedTable {
     unlink(file.c_str());
     auto next = Mapping::create(file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, options_.mode);
     try {
-      next->reserveSlots(top);
+      next->copySlots(*map_, top);
     } catch (...) {
       unlink(file.c_str());
       throw;
     }
-    std::memcpy(next->slot(0), map_->slot(0), top * g.stride);
-    U64 kept = 0, keptTop = 0;
-    for (U64 s = 0; s < top; ++s) {
-      U32& seq = next->seqWord(s);
-      if (seq & seqBusy) {
-        seq &= ~(seqBusy | seqLive);
-        reportCorruption(fmt::format("dropped slot {}, left half-written by a writer that stopped", s));
-      }
-      if (!(seq & seqLive)) continue;
-      const U8* key = next->slot(s) + layout_.keyOffset;
-      U64 hash = hashOf(key);
-      Probe p = locateIn(*next, key, hash);
-      if (p.outcome == Outcome::absent) {
-        next->indexEntry(p.position) = entryFor(g, hash, s);
-        ++kept;
-        keptTop = s + 1;
-        continue;
-      }
-      seq &= ~seqLive;
-      reportCorruption(fmt::format("dropped slot {}, a second record under the key of slot {}", s, p.slot));
+    const U64 kept = buildIndex(*next, top);
+    Header& h = next->header();
+    h.updateCounter = loadRelaxed(map_->header().updateCounter);
+    h.journalCount = journalUsed_;
+    for (U32 i = 0; i < journalUsed_; ++i) {
+      next->journalFlags(i) = map_->journalFlags(i);
+      std::memcpy(next->journalRecord(i), map_->journalRecord(i), layout_.recordSize);
     }
-    U64 counter = (loadRelaxed(map_->header().updateCounter) | 1) + 1;
-    next->header().updateCounter = counter;
-    next->header().occupancy = kept;
-    next->header().highWater = keptTop;
+    h.occupancy = kept;
+    h.highWater = top;
     storeRelease(map_->header().successor, gen);
     if (rename(file.c_str(), path_.c_str()) != 0) {
       int err = errno;
@@ -586,8 +753,55 @@ class SharedTableImpl final : public SharedTable {
       throw SharedFileException(fmt::format("cannot put generation {} in place of {}: {}", gen, path_, std::strerror(err)));
     }
     map_ = std::move(next);
-    counter_ = counter;
-    rescan(keptTop);
+    tombstones_ = 0;
+    rescan(top);
+  }
+
+  // Indexes the live slots below top of a new generation, in the order of
+  // their home entries, so that the index fills from front to back. A second
+  // record under a key already indexed is dropped. Returns the records kept.
+  U64 buildIndex(Mapping& m, U64 top) {
+    const Geometry& g = m.geometry();
+    std::vector<U64> items;
+    items.reserve(occupancy_);
+    for (U64 s = 0; s < top; ++s) {
+      if (!(m.seqWord(s) & seqLive)) continue;
+      const U64 hash = hashOf(m.slot(s) + layout_.keyOffset);
+      items.push_back(homeEntry(hash, g.indexEntries) << 32 | entryFor(g, hash, s));
+    }
+    sortByHome(items, g.indexEntries);
+    const U32 slotMask = (U32(1) << g.slotBits) - 1;
+    U64 next = 0, kept = 0;
+    std::vector<U32> wrapped;
+    for (size_t i = 0; i < items.size(); ++i) {
+      const U64 home = items[i] >> 32;
+      const U32 entry = U32(items[i]);
+      const U64 slot = (entry & slotMask) - 1;
+      bool again = false;
+      for (size_t j = i; j-- > 0 && items[j] >> 32 == home && !again;)
+        again = U32(items[j]) >> g.slotBits == entry >> g.slotBits &&
+                sameKey(m.slot((U32(items[j]) & slotMask) - 1) + layout_.keyOffset, m.slot(slot) + layout_.keyOffset);
+      if (again) {
+        m.seqWord(slot) &= ~seqLive;
+        reportCorruption(fmt::format("dropped slot {}, a second record under the key of another", slot));
+        continue;
+      }
+      ++kept;
+      const U64 pos = std::max(home, next);
+      if (pos >= g.indexEntries) {
+        wrapped.push_back(entry);
+        continue;
+      }
+      m.indexEntry(pos) = entry;
+      next = pos + 1;
+    }
+    // Probes that run past the end go on at the front.
+    U64 pos = 0;
+    for (U32 entry : wrapped) {
+      while (m.indexEntry(pos) != 0) ++pos;
+      m.indexEntry(pos) = entry;
+    }
+    return kept;
   }
 
   RecordLayout layout_;
@@ -599,9 +813,14 @@ class SharedTableImpl final : public SharedTable {
   // Writer state, mirrored in the header for readers.
   U64 counter_ = 0;
   bool inBracket_ = false;
+  bool recovering_ = false;
+  U32 journalUsed_ = 0;
   U64 occupancy_ = 0;
   U64 highWater_ = 0;
+  U64 tombstones_ = 0;
   std::priority_queue<U32, std::vector<U32>, std::greater<U32>> freeSlots_;
+  static constexpr U64 recentSize = 4096;
+  mutable std::vector<U64> recent_ = std::vector<U64>(writer_ ? recentSize : 0);
   std::vector<U8> scratch_;
   U64 scratchSlot_ = 0;
   bool scratchValid_ = false;
@@ -660,7 +879,7 @@ std::unique_ptr<SharedTable> SharedTable::writerNew(const RecordLayout& layout, 
     for (const std::string& f : leftoverFiles(path)) unlink(f.c_str());
     std::atomic_ref<U32>(m->header().writerPid).store(U32(getpid()), std::memory_order_release);
     auto table = std::make_unique<SharedTableImpl>(layout, path, true, options, std::move(m));
-    table->renew();
+    table->recover();
     return table;
   }
   throw SharedFileException(fmt::format("{} keeps changing while it is being opened", path));

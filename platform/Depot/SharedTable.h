@@ -21,7 +21,7 @@ class WriterBusyException : public SharedFileException {
 
 struct SharedTableOptions {
   U64 capacity = 1024;               // records the first generation holds; the table never shrinks below it
-  U64 maxEntries = (U64(1) << 31) - 1;  // growth stops here; a write beyond raises TableFullException
+  U64 maxEntries = (U64(1) << 31) - 1;  // growth stops here; a new record beyond raises TableFullException
   U32 mode = 0644;                   // permission bits of the files (directories get x where r is)
 };
 
@@ -31,6 +31,7 @@ struct SharedTableStats {
   U64 occupancy = 0;
   U64 highWater = 0;      // slots in use are below it
   U64 indexEntries = 0;
+  U64 tombstones = 0;     // index entries of removed keys, which probes pass over
   U64 fileBytes = 0;      // the file's length
   U64 residentBytes = 0;  // memory the file holds (blocks allocated)
   U64 updateCounter = 0;
@@ -45,12 +46,17 @@ struct SharedTableStats {
 // their next call and the old mapping stays valid until then. Slot numbers
 // (the iteration hints) survive removal, growth and shrinking.
 //
+// Every change belongs to an update (a bracket, or the change alone). The
+// writer journals the old records of the update in the file first, so a
+// writer killed at any point leaves a file that the next writer brings back
+// to the records of the last complete update.
+//
 // One object serves one thread at a time (as the entity that owns it).
 class SharedTable : public Table {
  public:
   // Creates the file at path (and missing directories), or reopens it when a
-  // writer restarts, keeping every complete record. Raises
-  // WriterBusyException while another writer holds the file and
+  // writer restarts, undoing an update the previous writer left unfinished.
+  // Raises WriterBusyException while another writer holds the file and
   // SharedFileException for a file that cannot be used.
   static std::unique_ptr<SharedTable> writerNew(const RecordLayout& layout, const std::string& path,
                                                 const SharedTableOptions& options = {});

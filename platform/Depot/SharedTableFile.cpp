@@ -14,9 +14,10 @@ namespace Depot::sharedfile {
 namespace {
 
 constexpr char fileMagic[8] = {'D', 'E', 'P', 'O', 'T', 'T', 'B', 'L'};
-// Version 1: keyHash over the key bytes, tagged linear-probing index,
-// sequence word at the end of each slot.
-constexpr U32 formatVersion = 1;
+// Version 2: keyHash over the key bytes, tagged linear-probing index with
+// tombstones and scaled home entries, sequence word at the end of each slot,
+// undo journal after the header.
+constexpr U32 formatVersion = 2;
 constexpr U32 byteOrderMark = 0x01020304;
 constexpr U64 maxReserveChunk = U64(1) << 18;
 
@@ -52,12 +53,10 @@ Geometry validatedGeometry(const Header& h, U64 fileBytes, const std::string& pa
                                           typeText(name, h.recordSize, h.keyOffset, h.keySize),
                                           typeText(layout.typeName, layout.recordSize, layout.keyOffset,
                                                    layout.keySize)));
-  bool sane = h.capacity >= 1 && h.capacity <= maxCapacity && h.indexEntries >= minIndexEntries &&
-              std::has_single_bit(h.indexEntries) && h.indexEntries <= (U64(1) << 32) &&
-              h.capacity <= h.indexEntries / loadDenominator * loadNumerator && h.minCapacity <= maxCapacity &&
+  bool sane = h.capacity >= 1 && h.capacity <= maxCapacity && h.minCapacity <= maxCapacity &&
               h.stride == strideFor(layout) && h.generation >= 1;
-  Geometry g = sane ? geometryOf(layout, h.capacity, h.indexEntries) : Geometry{};
-  if (!sane || g.slotsOffset != h.slotsOffset || g.fileSize != h.fileSize)
+  Geometry g = sane ? geometryOf(layout, h.capacity) : Geometry{};
+  if (!sane || g.indexEntries != h.indexEntries || g.slotsOffset != h.slotsOffset || g.fileSize != h.fileSize)
     throw SharedFileException(fmt::format("{}: damaged header (inconsistent sizes)", path));
   if (fileBytes != g.fileSize)
     throw SharedFileException(fmt::format("{}: truncated ({} bytes, its header says {})", path, fileBytes, g.fileSize));
@@ -77,22 +76,23 @@ std::string errnoText(int err) { return std::strerror(err); }
 
 U32 strideFor(const RecordLayout& layout) { return (layout.recordSize + 3 + 3) & ~3u; }
 
-Geometry geometryOf(const RecordLayout& layout, U64 capacity, U64 indexEntries) {
+Geometry geometryOf(const RecordLayout& layout, U64 capacity) {
   Geometry g;
   g.capacity = capacity;
-  g.indexEntries = indexEntries;
+  g.indexEntries = std::max(minIndexEntries, (capacity * indexNumerator + indexDenominator - 1) / indexDenominator);
   g.stride = strideFor(layout);
   g.slotBits = U32(std::bit_width(capacity));
-  g.slotsOffset = roundUp(headerBytes + indexEntries * sizeof(U32), pageBytes);
+  g.journalStride = 8 + ((layout.recordSize + 7) & ~7u);
+  g.journalOffset = roundUp(sizeof(Header), 64);
+  g.indexOffset = roundUp(g.journalOffset + U64(journalEntries) * g.journalStride, pageBytes);
+  g.slotsOffset = roundUp(g.indexOffset + g.indexEntries * sizeof(U32), pageBytes);
   g.fileSize = g.slotsOffset + roundUp(capacity * g.stride, pageBytes);
   return g;
 }
 
 Geometry geometryFor(const RecordLayout& layout, U64 wanted, U64 maxEntries) {
   U64 limit = std::clamp<U64>(maxEntries, 1, maxCapacity);
-  U64 target = std::clamp<U64>(wanted, 1, limit);
-  U64 entries = std::max(minIndexEntries, std::bit_ceil((target * loadDenominator + loadNumerator - 1) / loadNumerator));
-  return geometryOf(layout, std::min(limit, entries / loadDenominator * loadNumerator), entries);
+  return geometryOf(layout, std::clamp<U64>(wanted, 1, limit));
 }
 
 Mapping::Mapping(int fd, U8* base, const Geometry& g, U64 generation)
@@ -117,10 +117,10 @@ std::unique_ptr<Mapping> Mapping::attach(int fd, const std::string& path, const 
     throw SharedFileException(fmt::format("cannot examine {}: {}", path, errnoText(err)));
   }
   Header h{};
-  if (U64(st.st_size) < headerBytes || pread(fd, &h, sizeof h, 0) != ssize_t(sizeof h)) {
+  if (U64(st.st_size) < pageBytes || pread(fd, &h, sizeof h, 0) != ssize_t(sizeof h)) {
     close(fd);
     throw SharedFileException(
-        fmt::format("{}: truncated or not a Depot table ({} bytes; a table has at least {})", path, st.st_size, headerBytes));
+        fmt::format("{}: truncated or not a Depot table ({} bytes; a table has at least {})", path, st.st_size, pageBytes));
   }
   Geometry g;
   try {
@@ -155,6 +155,7 @@ std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLa
   if (base == MAP_FAILED) throw fail("map", errno);
   auto m = std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, generation));
   m->reservedBytes_ = g.slotsOffset;
+  m->populate(0, g.slotsOffset);
 
   Header& h = m->header();
   std::memcpy(h.magic, fileMagic, sizeof fileMagic);
@@ -202,7 +203,30 @@ void Mapping::reserveSlots(U64 slots) {
   if (want <= reservedBytes_) return;
   if (int err = posix_fallocate(fd_, off_t(reservedBytes_), off_t(want - reservedBytes_)))
     throw Basis::SystemException(fmt::format("cannot reserve {} bytes of shared memory: {}", want, errnoText(err)));
+  populate(reservedBytes_, want);
   reservedBytes_ = want;
+}
+
+void Mapping::copySlots(const Mapping& from, U64 slots) {
+  const U8* src = from.slot(0);
+  const U64 bytes = slots * geometry_.stride;
+  for (U64 done = 0; done < bytes;) {
+    ssize_t n = pwrite(fd_, src + done, bytes - done, off_t(geometry_.slotsOffset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0)
+      throw Basis::SystemException(fmt::format("cannot copy {} bytes of shared memory: {}", bytes,
+                                               errnoText(n < 0 ? errno : ENOSPC)));
+    done += U64(n);
+  }
+  reservedBytes_ = std::max(reservedBytes_, geometry_.slotsOffset + bytes);
+  populate(geometry_.slotsOffset, reservedBytes_);
+}
+
+// Maps reserved memory at once rather than a page fault at a time. Only an
+// optimisation: a kernel without MADV_POPULATE_WRITE faults pages in later.
+void Mapping::populate(U64 from, U64 to) {
+  from -= from % pageBytes;
+  madvise(base_ + from, to - from, MADV_POPULATE_WRITE);
 }
 
 std::string openFailure(const std::string& path, const char* purpose, int err) {

@@ -58,6 +58,9 @@ class Table {
   virtual void write(const U8* record) = 0;
   // Removes the record under key, copying it into removed; false when absent.
   virtual bool remove(const U8* key, U8* removed) = 0;
+  // A hint that key is about to be looked up or written: the table may start
+  // fetching the memory its lookup reads.
+  virtual void prefetch(const U8*) const {}
   // The stored record under key for a writer to change in place, or nullptr.
   virtual U8* inPlace(const U8* key) = 0;
   // Publishes a record changed in place as one whole change.

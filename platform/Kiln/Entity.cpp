@@ -30,18 +30,28 @@ void Publisher::unsubscribe(Notifiee* n) {
 
 // Delivery walks a copy of the list, so notifiees may subscribe or
 // unsubscribe while being notified; one removed before its turn is skipped.
-void Publisher::publish(const Change& c) const {
-  const std::vector<Notifiee*> snapshot = subs_;
-  for (Notifiee* n : snapshot) {
-    if (contains(subs_, n) && n->active()) n->onChange(c);
+// The copy lives on the stack for the few subscribers an entity usually has.
+template <class F>
+void Publisher::forEachActive(F&& deliver) const {
+  constexpr size_t inlineCount = 8;
+  Notifiee* local[inlineCount];
+  std::vector<Notifiee*> heap;
+  Notifiee* const* snapshot = local;
+  const size_t count = subs_.size();
+  if (count <= inlineCount) std::copy(subs_.begin(), subs_.end(), local);
+  else snapshot = (heap = subs_).data();
+  for (size_t i = 0; i < count; ++i) {
+    Notifiee* n = snapshot[i];
+    if (contains(subs_, n) && n->active()) deliver(n);
   }
 }
 
+void Publisher::publish(const Change& c) const {
+  forEachActive([&c](Notifiee* n) { n->onChange(c); });
+}
+
 void Publisher::publishZeroReferences() const {
-  const std::vector<Notifiee*> snapshot = subs_;
-  for (Notifiee* n : snapshot) {
-    if (contains(subs_, n) && n->active()) n->onZeroReferences();
-  }
+  forEachActive([](Notifiee* n) { n->onZeroReferences(); });
 }
 
 Basis::String Entity::fullName() const {

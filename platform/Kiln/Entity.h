@@ -45,6 +45,8 @@ class Publisher : public Basis::NotifierBase {
   void publishZeroReferences() const;
 
  private:
+  template <class F>
+  void forEachActive(F&& deliver) const;
   std::vector<Notifiee*> subs_;
   bool everSubscribed_ = false;
 };

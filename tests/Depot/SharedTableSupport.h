@@ -13,6 +13,7 @@
 #include <string>
 
 #include "Depot/SharedTable.h"
+#include "Depot/SharedTableFile.h"
 
 namespace depottest {
 
@@ -105,28 +106,41 @@ inline int inChild(const std::function<int()>& fn) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
 }
 
-// The file mapped read-write, to damage it behind the table's back.
+// The file mapped read-write, to damage it behind the table's back, laid
+// out as its header says.
 class RawFile {
  public:
-  explicit RawFile(const std::string& path) {
+  RawFile(const std::string& path, const Depot::RecordLayout& layout) {
     fd_ = open(path.c_str(), O_RDWR);
     struct stat st {};
     fstat(fd_, &st);
     size_ = size_t(st.st_size);
     base_ = static_cast<U8*>(mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+    geometry_ = Depot::sharedfile::geometryOf(layout, header().capacity);
   }
   ~RawFile() {
     munmap(base_, size_);
     close(fd_);
   }
-  U8* at(size_t offset) const { return base_ + offset; }
-  U32& indexEntry(U64 i) const { return reinterpret_cast<U32*>(base_ + 4096)[i]; }
-  size_t size() const { return size_; }
+  Depot::sharedfile::Header& header() const { return *reinterpret_cast<Depot::sharedfile::Header*>(base_); }
+  const Depot::sharedfile::Geometry& geometry() const { return geometry_; }
+  U32& indexEntry(U64 i) const { return reinterpret_cast<U32*>(base_ + geometry_.indexOffset)[i]; }
+  U32& journalFlags(U32 i) const { return *reinterpret_cast<U32*>(journalEntry(i)); }
+  U8* journalRecord(U32 i) const { return journalEntry(i) + 8; }
+  U32& seqWord(U64 slot) const {
+    return *reinterpret_cast<U32*>(base_ + geometry_.slotsOffset + (slot + 1) * geometry_.stride - 4);
+  }
+  // The index entry that names `slot` under `hash`, and where a probe for
+  // the hash starts.
+  U32 entryFor(U64 hash, U64 slot) const { return (U32(hash) << geometry_.slotBits) | U32(slot + 1); }
+  U64 home(U64 hash) const { return Depot::sharedfile::homeEntry(hash, geometry_.indexEntries); }
 
  private:
+  U8* journalEntry(U32 i) const { return base_ + geometry_.journalOffset + U64(i) * geometry_.journalStride; }
   int fd_;
   U8* base_;
   size_t size_;
+  Depot::sharedfile::Geometry geometry_;
 };
 
 }  // namespace depottest

@@ -306,6 +306,71 @@ TEST(SharedTable, FixedSizeTableFillsUp) {
   EXPECT_EQ(t->capacity(), 8u);
 }
 
+TEST(SharedTable, AnUpdateBracketsSeveralChanges) {
+  TempRoot root;
+  std::string path = root / "T/trieNode";
+  auto writer = Depot::SharedTable::writerNew(recLayout(), path, small(1));
+  auto reader = Depot::SharedTable::readerNew(recLayout(), path);
+  const U64 rest = reader->updateCounter();
+  EXPECT_EQ(rest % 2, 0u);
+
+  // Inside a bracket the counter stays odd, also across the generations the
+  // table grows through; a key changed many times is journaled once.
+  writer->updateBegin();
+  EXPECT_EQ(reader->updateCounter(), rest + 1);
+  for (U32 k = 0; k < 30; ++k) writeRec<Rec>(*writer, k, 1);
+  for (U32 v = 2; v < 200; ++v) writeRec<Rec>(*writer, 5, v);
+  Rec removed, r;
+  EXPECT_TRUE(removeRec(*writer, 3, removed));
+  EXPECT_EQ(reader->updateCounter(), rest + 1);
+  EXPECT_GT(reader->generation(), 1u);
+  ASSERT_TRUE(findRec(*reader, 5, r));  // readers see the changes as they are made
+  EXPECT_EQ(versionOf(r), 199u);
+  writer->updateEnd();
+  EXPECT_EQ(reader->updateCounter(), rest + 2);
+
+  // Outside a bracket each change is an update of its own.
+  writeRec<Rec>(*writer, 40, 1);
+  removeRec(*writer, 40, removed);
+  EXPECT_EQ(reader->updateCounter(), rest + 6);
+  EXPECT_EQ(contents<Rec>(*reader).size(), 29u);
+}
+
+TEST(SharedTableDeathTest, AnUpdateLargerThanTheJournalStopsTheProcess) {
+  TempRoot root;
+  std::string path = root / "T/trieNode";
+  EXPECT_DEATH(
+      {
+        auto writer = Depot::SharedTable::writerNew(recLayout(), path);
+        writer->updateBegin();
+        for (U32 k = 0; k < 33; ++k) writeRec<Rec>(*writer, k, 1);
+      },
+      "update too large");
+}
+
+// Removal leaves tombstones in the index, so that no entry moves under a
+// reader; the next generation drops them.
+TEST(SharedTable, RemovedKeysLeaveTombstonesUntilTheNextGeneration) {
+  TempRoot root;
+  std::string path = root / "T/trieNode";
+  auto writer = Depot::SharedTable::writerNew(recLayout(), path, small(2000));
+  for (U32 k = 0; k < 1500; ++k) writeRec<Rec>(*writer, k, 1);
+  Rec removed, r;
+  for (U32 k = 1; k < 1500; k += 2) ASSERT_TRUE(removeRec(*writer, k, removed));
+  auto reader = Depot::SharedTable::readerNew(recLayout(), path);
+  Depot::SharedTableStats s = reader->stats();
+  EXPECT_GT(s.tombstones, 100u);
+  EXPECT_EQ(s.occupancy, 750u);
+  for (U32 k = 0; k < 1500; ++k) ASSERT_EQ(findRec(*reader, k, r), k % 2 == 0) << k;
+  for (U32 k = 5000; k < 6000; ++k) ASSERT_FALSE(findRec(*reader, k, r)) << k;
+
+  const U64 generation = writer->generation();
+  for (U32 k = 10000; k < 13000 && writer->generation() == generation; ++k) writeRec<Rec>(*writer, k, 1);
+  ASSERT_GT(reader->generation(), generation);
+  EXPECT_EQ(reader->stats().tombstones, 0u);
+  for (U32 k = 0; k < 1500; ++k) ASSERT_EQ(findRec(*reader, k, r), k % 2 == 0) << k;
+}
+
 TEST(SharedTable, ReopenedByANewWriterKeepsEveryRecord) {
   TempRoot root;
   std::string path = root / "T/trieNode";
@@ -325,18 +390,25 @@ TEST(SharedTable, ReopenedByANewWriterKeepsEveryRecord) {
   }
   first.reset();
 
+  // A writer that stopped at rest left a complete table: the next one
+  // takes the file over as it is.
   auto second = Depot::SharedTable::writerNew(recLayout(), path);
-  EXPECT_GT(second->generation(), generation);
+  EXPECT_EQ(second->generation(), generation);
   EXPECT_EQ(second->occupancy(), 699u);
+  EXPECT_EQ(second->corruptionCount(), 0u);
   std::map<U32, U32> now = contents<Rec>(*second);
   EXPECT_EQ(now.size(), 699u);
   EXPECT_EQ(now.count(10), 0u);
   writeRec<Rec>(*second, 10, 5);
   writeRec<Rec>(*second, 701, 5);
-  // The reader attached to the first writer's file moves to the new one.
+  // The reader attached to the first writer's file reads the new writer's
+  // records, also once the table grows.
   ASSERT_TRUE(findRec(*reader, 10, r));
   EXPECT_EQ(versionOf(r), 5u);
   EXPECT_TRUE(findRec(*reader, 701, r));
+  for (U32 k = 1000; k < 3000; ++k) writeRec<Rec>(*second, k, 6);
+  EXPECT_GT(second->generation(), generation);
+  EXPECT_TRUE(findRec(*reader, 2999, r));
   EXPECT_EQ(reader->generation(), second->generation());
 }
 
@@ -378,11 +450,21 @@ TEST(SharedTable, AttachingToBadFilesFailsNamingTheFile) {
   std::string damaged = root / "damaged";
   std::filesystem::copy_file(good, damaged);
   {
-    RawFile raw(damaged);
-    raw.at(8 + 4 + 4 + 64 + 16)[0] ^= 0x40;  // the capacity
+    RawFile raw(damaged, recLayout());
+    raw.header().capacity ^= 0x40;
   }
   refused(asReader(damaged), damaged, "damaged header");
   refused(asWriter(damaged), damaged, "damaged header");
+
+  // The journal lies outside the checksum; a count it cannot hold is damage.
+  std::string journal = root / "journal";
+  std::filesystem::copy_file(good, journal);
+  {
+    RawFile raw(journal, recLayout());
+    raw.header().journalCount = 1000;
+  }
+  refused(asWriter(journal), journal, "damaged journal");
+  EXPECT_NO_THROW(Depot::SharedTable::readerNew(recLayout(), journal));  // readers never look at it
 }
 
 TEST(SharedTable, FileModesAndPermissionDenied) {
@@ -426,32 +508,43 @@ void damageIndex(const Depot::RecordLayout& layout) {
   std::string path = root / "T/table";
   auto writer = Depot::SharedTable::writerNew(layout, path, small(100));
   for (U32 k = 0; k < 50; ++k) writeRec<R>(*writer, k, 1);
+  R removed, r;
+  removeRec(*writer, 49, removed);  // slot 49 is free
   auto reader = Depot::SharedTable::readerNew(layout, path);
   Depot::SharedTableStats s = reader->stats();
-  const U32 slotBits = U32(std::bit_width(s.capacity));
-  RawFile raw(path);
+  RawFile raw(path, layout);
 
-  // An entry whose tag matches key 1000 but whose slot lies past the table.
-  R probe{};
-  keyOf(1000, probe);
-  U64 hash = Depot::keyHash(probe.key, sizeof probe.key);
-  U64 pos = hash & (s.indexEntries - 1);
-  while (raw.indexEntry(pos) != 0) pos = (pos + 1) & (s.indexEntries - 1);
-  raw.indexEntry(pos) = (U32(hash >> 32) << slotBits) | U32(s.capacity + 1);
-  R r;
-  try {
-    findRec(*reader, 1000, r);
-    ADD_FAILURE() << "read through a slot past the table";
-  } catch (const Depot::CorruptionException& e) {
-    EXPECT_THAT(e.what(), HasSubstr(path));
-    EXPECT_THAT(e.what(), HasSubstr("names slot"));
-  }
+  // Entries whose tag matches a key but whose slot lies past the table or
+  // holds no record, put where the key's probe looks first.
+  auto plant = [&](U32 k, U64 slot) {
+    R probe{};
+    keyOf(k, probe);
+    U64 hash = Depot::keyHash(probe.key, sizeof probe.key);
+    U64 pos = raw.home(hash);
+    while (raw.indexEntry(pos) != 0) pos = (pos + 1) % s.indexEntries;
+    raw.indexEntry(pos) = raw.entryFor(hash, slot);
+  };
+  plant(1000, s.capacity);
+  plant(1001, 49);
+  auto damage = [&](U32 k) {
+    try {
+      findRec(*reader, k, r);
+      ADD_FAILURE() << "read key " << k << " through a damaged entry";
+      return std::string();
+    } catch (const Depot::CorruptionException& e) {
+      EXPECT_THAT(e.what(), HasSubstr(path));
+      return std::string(e.what());
+    }
+  };
+  EXPECT_THAT(damage(1000), HasSubstr(fmt::format("names slot {} of a table of {}", s.capacity, s.capacity)));
+  EXPECT_THAT(damage(1001), HasSubstr("names the free slot 49"));
   EXPECT_TRUE(findRec(*reader, 7, r));  // other keys are unaffected
+  EXPECT_THROW(writeRec<R>(*writer, 1000, 1), Depot::CorruptionException);
 
   // An index without an empty entry: no probe sequence ends.
   for (U64 i = 0; i < s.indexEntries; ++i)
-    if (raw.indexEntry(i) == 0) raw.indexEntry(i) = U32(0xFFFFFFFFu << slotBits) | 1u;
-  EXPECT_THROW(findRec(*reader, 2000, r), Depot::CorruptionException);
+    if (raw.indexEntry(i) == 0) raw.indexEntry(i) = U32(0xFFFFFFFFu << raw.geometry().slotBits) | 1u;
+  EXPECT_THAT(damage(2000), HasSubstr("does not end"));
 }
 
 TEST(SharedTable, DamagedIndexIsReportedAsCorruption) {
@@ -466,11 +559,16 @@ TEST(SharedTable, SlotLeftHalfWrittenByAStoppedWriter) {
   for (U32 k = 0; k < 10; ++k) writeRec<Rec>(*writer, k, 1);  // slots 0 to 9, lowest first
   writer.reset();
   auto reader = Depot::SharedTable::readerNew(recLayout(), path);
-  Depot::SharedTableStats s = reader->stats();
   {
-    RawFile raw(path);
-    const U64 slotsOffset = 4096 + ((s.indexEntries * 4 + 4095) / 4096) * 4096;
-    raw.at(slotsOffset + 3 * 32 + 28)[1] |= 1;  // slot 3's busy bit, as a writer stopped mid-write leaves it
+    RawFile raw(path, recLayout());
+    raw.seqWord(3) |= Depot::sharedfile::seqBusy;  // as a writer stopped mid-write leaves it
+    // A journal that a writer stopped at rest left behind belongs to an
+    // update that finished: it says key 5 was absent before.
+    raw.header().journalCount = 1;
+    raw.journalFlags(0) = 0;
+    Rec five{};
+    keyOf(5, five);
+    std::memcpy(raw.journalRecord(0), &five, sizeof five);
   }
   Rec r;
   try {
@@ -482,10 +580,13 @@ TEST(SharedTable, SlotLeftHalfWrittenByAStoppedWriter) {
   EXPECT_TRUE(findRec(*reader, 4, r));
   EXPECT_THROW(contents<Rec>(*reader), Depot::CorruptionException);
 
-  // The next writer drops the slot and goes on; the reader moves along.
+  // Outside an update nothing tells what the slot held: the next writer
+  // drops it and goes on; the reader moves along.
   auto next = Depot::SharedTable::writerNew(recLayout(), path);
   EXPECT_EQ(next->corruptionCount(), 1u);
   EXPECT_EQ(next->occupancy(), 9u);
+  EXPECT_TRUE(findRec(*next, 5, r));
+  EXPECT_EQ(RawFile(path, recLayout()).header().journalCount, 0u);
   EXPECT_FALSE(findRec(*reader, 3, r));
   EXPECT_EQ(contents<Rec>(*reader).size(), 9u);
   writeRec<Rec>(*next, 3, 2);
