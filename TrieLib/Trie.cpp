@@ -313,11 +313,21 @@ Addrkit::IpGenPrefix checkForPrefix006(const Trie* trie) {
 
 // ---- Public operations ----
 
+// Each insertion and deletion is one update of its family's table, so that
+// readers can tell a state between updates from a half-done split or hoist.
 void Trie::prefixIs(const Addrkit::IpGenPrefix& prefix) {
   RINGLOG_BLOCK(trieSourcePath, "void Routing::Lattice::Trie::prefixIs(const Addrkit::IpGenPrefix&)");
   switch (prefix.af()) {
-    case Addrkit::AddressFamily::ipv4: prefixIs4(this, prefix.v4()); break;
-    case Addrkit::AddressFamily::ipv6: prefixIs6(this, prefix.v6()); break;
+    case Addrkit::AddressFamily::ipv4: {
+      KilnDepot::UpdateBracket update(trieNode_);
+      prefixIs4(this, prefix.v4());
+      break;
+    }
+    case Addrkit::AddressFamily::ipv6: {
+      KilnDepot::UpdateBracket update(trieNode6_);
+      prefixIs6(this, prefix.v6());
+      break;
+    }
     default: break;
   }
 }
@@ -334,8 +344,14 @@ Addrkit::IpGenPrefix Trie::lpm(const Addrkit::IpGenPrefix& prefix) const {
 bool Trie::prefixDel(const Addrkit::IpGenPrefix& prefix) {
   RINGLOG_BLOCK(trieSourcePath, "bool Routing::Lattice::Trie::prefixDel(const Addrkit::IpGenPrefix&)");
   switch (prefix.af()) {
-    case Addrkit::AddressFamily::ipv4: return prefixDel4(this, prefix.v4());
-    case Addrkit::AddressFamily::ipv6: return prefixDel6(this, prefix.v6());
+    case Addrkit::AddressFamily::ipv4: {
+      KilnDepot::UpdateBracket update(trieNode_);
+      return prefixDel4(this, prefix.v4());
+    }
+    case Addrkit::AddressFamily::ipv6: {
+      KilnDepot::UpdateBracket update(trieNode6_);
+      return prefixDel6(this, prefix.v6());
+    }
     default: return false;
   }
 }

@@ -4,11 +4,14 @@
 // been written yet.
 #include "TrieLib/Trie4.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <bit>
 
 #include "Ringlog/Ringlog.h"
 #include "TrieLib/TrieTrace.h"
+#include "TrieLib/TrieWalk.h"
 
 namespace Routing::Lattice {
 namespace {
@@ -56,6 +59,13 @@ Addrkit::Prefix prefixAlong(const Addrkit::Prefix& key, U32 len) { return Addrki
 Addrkit::Prefix cutKey(const Addrkit::Prefix& key, U32 len, U32 keyLen) {
   U32 mask = len == 0 ? 0u : 0xFFFFFFFFu << (32 - len);
   return Addrkit::Prefix(Addrkit::Ip4Address::fromHost(key.addrHost() & mask), keyLen);
+}
+
+// The descent usually ends at the node of the prefix itself: its lookup in
+// the table starts now and overlaps the descent.
+void prefetchNode(const Trie* trie, const Addrkit::Prefix& prefix) {
+  const Addrkit::Prefix key = nodeKeyFor(prefix);
+  trie->trieNodeMap().table().prefetch(reinterpret_cast<const U8*>(&key));
 }
 
 const TrieNode& absentNode() {
@@ -195,6 +205,7 @@ void prefixIs4(Trie* trie, const Addrkit::Prefix& prefix) {
     return;
   }
   TRIE_TRACE(8, "prefixIs4 Inserting prefix: {}", prefix);
+  prefetchNode(trie, prefix);
 
   TrieNode parent = trie->trieNode(rootPrefix);
   if (parent.root() == nullPrefix) {
@@ -270,6 +281,7 @@ bool prefixDel4(Trie* trie, const Addrkit::Prefix& prefix) {
     return true;
   }
   TRIE_TRACE(8, "prefixDel4 Deleting prefix: {}", prefix);
+  prefetchNode(trie, prefix);
 
   const TrieNode root = trie->trieNode(rootPrefix);
   if (root.root() == nullPrefix) {
@@ -470,8 +482,15 @@ Addrkit::IpGenPrefix doGetNext4(const Trie* trie, const Addrkit::Prefix& nodeKey
 
 // ---- Pre-order walk ----
 
-bool doPreOrderWalk(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Prefix& key,
-                    bool allLengths) {
+namespace {
+
+// Nodes on the longest path of a healthy trie: lengths 0, 2, ..., 32.
+constexpr U32 walkLevels = maxDescents + 1;
+
+bool walkNode4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& key, bool allLengths, U32 level) {
+  if (level >= walkLevels)
+    throw Basis::Exception(fmt::format("trie {}: IPv4 walk deeper than {} levels at {}; the trie is damaged",
+                                       trie->name(), walkLevels, key));
   TrieNode node = trie->trieNode(key);
   // A subtree root that is no node key starts at the node that holds it.
   if (TrieNode::isEq(&node, &absentNode())) node = lpm4Node(trie, key);
@@ -481,35 +500,52 @@ bool doPreOrderWalk(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callba
   const U32 start = allLengths ? 1 : key.len();
   TRIE_TRACE(6, "visitNode Node: {} black: {} child00: {} child01: {} child10: {} child11: {}", node.key(),
              node.black(), node.child00(), node.child01(), node.child10(), node.child11());
+  visitor.nodeBegin();
+  bool goOn = true;
+  bool skipped = false;
   if (node.black() != 0 && start <= 32) {
-    for (U32 len = start; len <= 32; ++len) {
+    for (U32 len = start; len <= 32 && goOn && !skipped; ++len) {
       if (!hasBlack(node, len)) continue;
-      WalkAction action = callback->handleWalkCallback(prefixAlong(node.key(), len));
-      if (action == abortWalk) return false;
-      if (action == skipSubtree) return true;
+      const WalkAction action = visitor.visit(prefixAlong(node.key(), len));
+      goOn = action != abortWalk;
+      skipped = action == skipSubtree;
     }
   }
-  for (U32 slot = 0; slot < 4; ++slot) {
+  for (U32 slot = 0; slot < 4 && goOn && !skipped; ++slot) {
     const Addrkit::Prefix child = node.child(slot);
-    if (child != nullPrefix && !doPreOrderWalk(trie, callback, child, true)) return false;
+    if (child != nullPrefix) goOn = walkNode4(trie, visitor, child, true, level + 1);
   }
-  return true;
+  visitor.nodeEnd();
+  return goOn;
 }
 
-void preOrderWalk4(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Prefix& subtreeRoot) {
+}  // namespace
+
+bool doPreOrderWalk(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Prefix& key,
+                    bool allLengths) {
+  CallbackVisitor visitor(callback);
+  return walkNode4(trie, visitor, key, allLengths, 0);
+}
+
+void walkFamily4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& subtreeRoot) {
   const TrieNode defaultRoute = trie->trieNode(prefix032);
   if (!TrieNode::isEq(&defaultRoute, &absentNode())) {
     TRIE_TRACE(6, "preOrderWalk 0/32 inside the collection - 0/0 was inserted");
-    if (callback->handleWalkCallback(prefix00) == abortWalk) return;
+    if (visitor.visit(prefix00) == abortWalk) return;
   }
   if (subtreeRoot != rootPrefix) {
-    doPreOrderWalk(trie, callback, subtreeRoot, false);
+    walkNode4(trie, visitor, subtreeRoot, false, 0);
     return;
   }
   TRIE_TRACE(8, "preOrderWalk Walk from Root");
   const TrieNode root = trie->trieNode(rootPrefix);
   if (root.root() == nullPrefix) return;
-  doPreOrderWalk(trie, callback, root.root(), true);
+  walkNode4(trie, visitor, root.root(), true, 0);
+}
+
+void preOrderWalk4(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Prefix& subtreeRoot) {
+  CallbackVisitor visitor(callback);
+  walkFamily4(trie, visitor, subtreeRoot);
 }
 
 }  // namespace Routing::Lattice

@@ -4,6 +4,8 @@
 // been written yet; a replaced record is removed only after its replacement.
 #include "TrieLib/Trie6.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <bit>
 #include <optional>
@@ -11,6 +13,7 @@
 
 #include "Ringlog/Ringlog.h"
 #include "TrieLib/TrieTrace.h"
+#include "TrieLib/TrieWalk.h"
 
 namespace Routing::Lattice {
 namespace {
@@ -215,6 +218,9 @@ void prefixIs6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
     return;
   }
   TRIE_TRACE(8, "prefixIs6 Inserting prefix: {}", prefix);
+  // The descent usually ends at the node of the prefix itself: its lookup in
+  // the table starts now and overlaps the descent.
+  trie->trieNode6Map().table().prefetch(reinterpret_cast<const U8*>(&prefix));
 
   TrieNode6 parent = trie->trieNode6(rootPrefix6);
   if (parent.leftChild() == nullPrefix6) {
@@ -360,6 +366,7 @@ bool prefixDel6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
     return true;
   }
   TRIE_TRACE(8, "prefixDel6 Deleting prefix: {}", prefix);
+  trie->trieNode6Map().table().prefetch(reinterpret_cast<const U8*>(&prefix));
 
   TrieNode6 parent = trie->trieNode6(rootPrefix6);
   if (parent.leftChild() == nullPrefix6) {
@@ -466,8 +473,15 @@ Addrkit::IpGenPrefix doGetNext6(const Trie* trie, const Addrkit::Ip6Prefix& node
 
 // ---- Pre-order walk ----
 
-bool doPreOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Ip6Prefix& key,
-                     bool allLengths) {
+namespace {
+
+// Nodes on the longest path of a healthy trie: lengths 0 to 128.
+constexpr U32 walkLevels = maxDescents + 1;
+
+bool walkNode6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefix& key, bool allLengths, U32 level) {
+  if (level >= walkLevels)
+    throw Basis::Exception(fmt::format("trie {}: IPv6 walk deeper than {} levels at {}; the trie is damaged",
+                                       trie->name(), walkLevels, key));
   TrieNode6 node = trie->trieNode6(key);
   if (node == absentNode6()) node = lpm6Node(trie, key);
   TRIE_TRACE(6, "doPreOrderWalk6 Node: {}", node.key());
@@ -477,32 +491,50 @@ bool doPreOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callb
   TRIE_TRACE(6, "visitNode6 Node: {} black0: {} black1: {} black2: {} black3: {} left child: {} right child: {}",
              node.key(), node.black0(), node.black1(), node.black2(), node.black3(), node.leftChild(),
              node.rightChild());
+  visitor.nodeBegin();
+  bool goOn = true;
+  bool skipped = false;
   if (anyBlack6(node)) {
-    for (U32 len = start; len <= 128; ++len) {
+    for (U32 len = start; len <= 128 && goOn && !skipped; ++len) {
       if (!hasBlack6(node, len)) continue;
-      const WalkAction action = callback->handleWalkCallback(prefixAlong6(node.key(), len));
-      if (action == abortWalk) return false;
-      if (action == skipSubtree) return true;
+      const WalkAction action = visitor.visit(prefixAlong6(node.key(), len));
+      goOn = action != abortWalk;
+      skipped = action == skipSubtree;
     }
   }
-  if (node.leftChild() != nullPrefix6 && !doPreOrderWalk6(trie, callback, node.leftChild(), true)) return false;
-  if (node.rightChild() != nullPrefix6) return doPreOrderWalk6(trie, callback, node.rightChild(), true);
-  return true;
+  for (const Addrkit::Ip6Prefix& child : {node.leftChild(), node.rightChild()}) {
+    if (goOn && !skipped && child != nullPrefix6) goOn = walkNode6(trie, visitor, child, true, level + 1);
+  }
+  visitor.nodeEnd();
+  return goOn;
 }
 
-void preOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback,
-                   const Addrkit::Ip6Prefix& subtreeRoot) {
+}  // namespace
+
+bool doPreOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Ip6Prefix& key,
+                     bool allLengths) {
+  CallbackVisitor visitor(callback);
+  return walkNode6(trie, visitor, key, allLengths, 0);
+}
+
+void walkFamily6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefix& subtreeRoot) {
   if (!(trie->trieNode6(prefix0128) == absentNode6())) {
     TRIE_TRACE(6, "preOrderWalk 0/128 inside collection - 0/0 was inserted");
-    if (callback->handleWalkCallback(prefix006) == abortWalk) return;
+    if (visitor.visit(prefix006) == abortWalk) return;
   }
   if (subtreeRoot != rootPrefix6) {
-    doPreOrderWalk6(trie, callback, subtreeRoot, false);
+    walkNode6(trie, visitor, subtreeRoot, false, 0);
     return;
   }
   const TrieNode6 root = trie->trieNode6(rootPrefix6);
   if (root.leftChild() == nullPrefix6) return;
-  doPreOrderWalk6(trie, callback, root.leftChild(), true);
+  walkNode6(trie, visitor, root.leftChild(), true, 0);
+}
+
+void preOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback,
+                   const Addrkit::Ip6Prefix& subtreeRoot) {
+  CallbackVisitor visitor(callback);
+  walkFamily6(trie, visitor, subtreeRoot);
 }
 
 }  // namespace Routing::Lattice

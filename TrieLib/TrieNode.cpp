@@ -12,8 +12,7 @@
 namespace Routing::Lattice {
 
 TrieNode::TrieNode(const Addrkit::Prefix& key)
-    : black_(0), key_(key), child00_(nullChild()), child01_(nullChild()), child10_(nullChild()),
-      child11_(nullChild()) {}
+    : black_(0), key_(key), child00_(nullChild()), child01_(child00_), child10_(child00_), child11_(child00_) {}
 
 Addrkit::Prefix TrieNode::nullChild() { return nullPrefix; }
 
@@ -44,8 +43,7 @@ bool TrieNode::isEq(const TrieNode* a, const TrieNode* b) {
 // Children are built through the validating constructor: the null child must
 // be a valid prefix.
 TrieNode6::TrieNode6(const Addrkit::Ip6Prefix& key)
-    : black_{0, 0, 0, 0}, key_(key), leftChild_(nullChild().address(), 128),
-      rightChild_(nullChild().address(), 128) {}
+    : black_{0, 0, 0, 0}, key_(key), leftChild_(nullChild().address(), 128), rightChild_(leftChild_) {}
 
 Addrkit::Ip6Prefix TrieNode6::nullChild() { return nullPrefix6; }
 

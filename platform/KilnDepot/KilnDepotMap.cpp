@@ -101,6 +101,16 @@ void CollectionBinding::directCommit(const U8* record) {
   }
 }
 
+void CollectionBinding::updateBegin() {
+  table_->updateBegin();
+  notifyQuiesced(false);
+}
+
+void CollectionBinding::updateEnd() {
+  table_->updateEnd();
+  notifyQuiesced(true);
+}
+
 void CollectionBinding::notifyKey(const U8* key) const {
   if (hooks_.keyChanged) hooks_.keyChanged(key);
 }

@@ -1,4 +1,6 @@
 #pragma once
+#include <array>
+#include <bit>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -59,6 +61,13 @@ class CollectionBinding {
   const U8* scratch() const { return scratch_.data(); }
   const U8* defaultRecord() const { return default_.data(); }
 
+  // One logical update of the table (several writes and removals that belong
+  // together, see Depot::Table). The quiesced hook hears false when it
+  // begins and true when it ends. Brackets do not nest.
+  void updateBegin();
+  void updateEnd();
+  U64 updateCounter() const { return table_->updateCounter(); }
+
   void notifyKey(const U8* key) const;
   void notifyQuiesced(bool quiesced) const;
   void notifyMountStatus() const;
@@ -83,6 +92,19 @@ class CollectionBinding {
   MountStatus mountStatus_ = MountStatus::local;
 };
 
+// Keeps one update of a binding open for its lifetime, so that the update is
+// closed however the code inside it leaves.
+class UpdateBracket {
+ public:
+  explicit UpdateBracket(CollectionBinding& binding) : binding_(binding) { binding_.updateBegin(); }
+  ~UpdateBracket() { binding_.updateEnd(); }
+  UpdateBracket(const UpdateBracket&) = delete;
+  UpdateBracket& operator=(const UpdateBracket&) = delete;
+
+ private:
+  CollectionBinding& binding_;
+};
+
 // Typed view of a binding for record type R keyed by K (R trivially copyable).
 template <class K, class R>
 class KilnDepotMap : public CollectionBinding {
@@ -90,17 +112,19 @@ class KilnDepotMap : public CollectionBinding {
   KilnDepotMap(std::string attributeName, Depot::RecordLayout layout, const R& defaultRecord, Hooks hooks)
       : CollectionBinding(std::move(attributeName), std::move(layout), &defaultRecord, std::move(hooks)) {}
 
+  // Records come out as bytes made into an R, without constructing an R
+  // first only to overwrite it.
   R get(const K& key) const {
-    R r;
-    CollectionBinding::get(reinterpret_cast<const U8*>(&key), reinterpret_cast<U8*>(&r));
-    return r;
+    std::array<U8, sizeof(R)> bytes;
+    CollectionBinding::get(reinterpret_cast<const U8*>(&key), bytes.data());
+    return std::bit_cast<R>(bytes);
   }
   void safeWrite(const R& r) { CollectionBinding::safeWrite(reinterpret_cast<const U8*>(&r)); }
   bool safeRemove(const K& key) { return CollectionBinding::safeRemove(reinterpret_cast<const U8*>(&key)); }
   R* inPlace(const K& key) { return reinterpret_cast<R*>(CollectionBinding::inPlace(reinterpret_cast<const U8*>(&key))); }
   void directCommit(const R* r) { CollectionBinding::directCommit(reinterpret_cast<const U8*>(r)); }
-  R scratchRecord() const { R r; std::memcpy(&r, scratch(), sizeof r); return r; }
-  R defaultValue() const { R r; std::memcpy(&r, defaultRecord(), sizeof r); return r; }
+  R scratchRecord() const { return fromBytes(scratch()); }
+  R defaultValue() const { return fromBytes(defaultRecord()); }
 
   // Iteration over the records in the table's own order; the position
   // survives removal of the current record.
@@ -129,6 +153,13 @@ class KilnDepotMap : public CollectionBinding {
     it.map_ = this;
     it.valid_ = table().iterFrom(reinterpret_cast<const U8*>(&key), it.hint_, reinterpret_cast<U8*>(&it.rec_));
     return it;
+  }
+
+ private:
+  static R fromBytes(const U8* p) {
+    std::array<U8, sizeof(R)> bytes;
+    std::memcpy(bytes.data(), p, sizeof(R));
+    return std::bit_cast<R>(bytes);
   }
 };
 

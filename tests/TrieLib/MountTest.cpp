@@ -18,6 +18,7 @@
 #include "Depot/SharedTable.h"
 #include "TrieLib/Mount.h"
 #include "TrieLib/TrieCheck.h"
+#include "TrieProcessSupport.h"
 
 using namespace Routing::Lattice;
 using Addrkit::IpGenPrefix;
@@ -28,20 +29,7 @@ using testing::HasSubstr;
 
 namespace {
 
-class TempRoot {
- public:
-  TempRoot() {
-    char tmpl[] = "/dev/shm/depot-trie-XXXXXX";
-    EXPECT_NE(mkdtemp(tmpl), nullptr);
-    options.root = tmpl;
-  }
-  ~TempRoot() {
-    std::error_code ec;
-    std::filesystem::remove_all(options.root, ec);
-  }
-  std::string file(const std::string& name) const { return options.root + "/" + name; }
-  MountOptions options;
-};
+using trietest::TempRoot;
 
 // Clustered prefixes of both families, so that they nest and share edges.
 struct PrefixSet {

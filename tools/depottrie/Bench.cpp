@@ -6,6 +6,7 @@
 #include <random>
 
 #include "Commands.h"
+#include "TrieLib/ConsistentRead.h"
 
 namespace DepotTrieTool {
 namespace {
@@ -50,10 +51,10 @@ void timeLookups(const std::vector<IpGenPrefix>& queries, const char* family, co
              operation, queries.size(), seconds, seconds > 0 ? count / seconds / 1e6 : 0.0, stored, unanswered);
 }
 
-void benchFamily(const Routing::Lattice::Trie& trie, const IpGenPrefix& familyRoot, const char* family, U64 count,
-                 std::mt19937_64& rng) {
+void benchFamily(Routing::Lattice::ConsistentReader& reader, const IpGenPrefix& familyRoot, const char* family,
+                 U64 count, std::mt19937_64& rng) {
   Basis::Ptr<CollectingWalk> walk(new CollectingWalk);
-  trie.preOrderWalk(walk, familyRoot);
+  reader.preOrderWalk(walk, familyRoot);
   const std::vector<IpGenPrefix>& stored = walk->prefixes;
   if (stored.empty()) {
     fmt::print("{}: no prefixes stored, nothing to look up\n", family);
@@ -63,18 +64,19 @@ void benchFamily(const Routing::Lattice::Trie& trie, const IpGenPrefix& familyRo
   queries.reserve(count);
   for (U64 i = 0; i < count; ++i) queries.push_back(addressInside(stored[rng() % stored.size()], rng));
 
-  timeLookups(queries, family, "lpm", stored.size(), [&trie](const IpGenPrefix& q) { return trie.lpm(q); });
+  timeLookups(queries, family, "lpm", stored.size(), [&reader](const IpGenPrefix& q) { return reader.lpm(q); });
   timeLookups(queries, family, "longestMatch", stored.size(),
-              [&trie](const IpGenPrefix& q) { return trie.longestMatch(q); });
+              [&reader](const IpGenPrefix& q) { return reader.longestMatch(q); });
 }
 
 }  // namespace
 
 int benchCommand(const Target& target, U64 count, U64 seed) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
+  Routing::Lattice::ConsistentReader reader(*trie);
   std::mt19937_64 rng(seed);
-  benchFamily(*trie, IpGenPrefix(Routing::Lattice::rootPrefix), "IPv4", count, rng);
-  benchFamily(*trie, IpGenPrefix(Routing::Lattice::rootPrefix6), "IPv6", count, rng);
+  benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix), "IPv4", count, rng);
+  benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix6), "IPv6", count, rng);
   return 0;
 }
 

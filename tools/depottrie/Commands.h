@@ -30,8 +30,11 @@ bool defaultRouteKey(const Addrkit::IpGenPrefix& p);
 bool covers(const Addrkit::IpGenPrefix& outer, const Addrkit::IpGenPrefix& inner);
 
 int loadCommand(const Target& target, const std::vector<std::string>& files);
-// The longest stored prefix covering each query (Trie::longestMatch, which
-// also finds an odd-length prefix that Trie::lpm misses).
+// The reader commands (lookup, list, next, bench) answer from a state of the
+// trie between two of its writer's updates (ConsistentReader).
+
+// The longest stored prefix covering each query (longestMatch, which also
+// finds an odd-length prefix that lpm misses).
 int lookupCommand(const Target& target, const std::vector<std::string>& queries);
 // family 0 lists both; under empty lists everything of the family.
 int listCommand(const Target& target, const std::string& under, int family);
@@ -39,8 +42,8 @@ int nextCommand(const Target& target, const std::string& prefix);
 int statsCommand(const Target& target);
 int checkCommand(const Target& target);
 int dropCommand(const Target& target);
-// Times Trie::lpm and Trie::longestMatch over random addresses inside stored
-// prefixes, per family.
+// Times lpm and longestMatch over random addresses inside stored prefixes,
+// per family.
 int benchCommand(const Target& target, U64 count, U64 seed);
 // local: a process-local trie instead of the shared one.
 int batchCommand(const Target& target, bool local);

@@ -6,6 +6,7 @@
 
 #include "Batch.h"
 #include "Commands.h"
+#include "TrieLib/ConsistentRead.h"
 
 namespace DepotTrieTool {
 namespace {
@@ -40,10 +41,11 @@ class ListingWalk : public Routing::Lattice::TrieWalkCallback {
 
 int lookupCommand(const Target& target, const std::vector<std::string>& queries) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
+  Routing::Lattice::ConsistentReader reader(*trie);
   int status = 0;
   for (const std::string& q : queries) {
     try {
-      fmt::print("{} {}\n", q, answerText(trie->longestMatch(prefixFromText(q))));
+      fmt::print("{} {}\n", q, answerText(reader.longestMatch(prefixFromText(q))));
     } catch (const Basis::Exception& e) {
       std::fflush(stdout);
       fmt::print(stderr, "depottrie: {}\n", e.what());
@@ -64,9 +66,10 @@ int listCommand(const Target& target, const std::string& under, int family) {
     family = rootFamily;
   }
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
+  Routing::Lattice::ConsistentReader reader(*trie);
   Basis::Ptr<ListingWalk> walk(new ListingWalk(root));
-  if (family != 6) trie->preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix));
-  if (family != 4) trie->preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix6));
+  if (family != 6) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix));
+  if (family != 4) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix6));
   return 0;
 }
 
@@ -76,7 +79,7 @@ int nextCommand(const Target& target, const std::string& prefix) {
     throw Basis::RangeException(fmt::format("{} is where the default route is stored; it cannot start a search", p));
   }
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  fmt::print("{}\n", answerText(trie->getNext(p)));
+  fmt::print("{}\n", answerText(Routing::Lattice::ConsistentReader(*trie).getNext(p)));
   return 0;
 }
 
