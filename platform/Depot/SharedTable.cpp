@@ -38,8 +38,10 @@ inline void cpuRelax() {
 inline void storeOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
 // A reader's wait for the writer to finish what it is doing. wait() is false
-// once the writer is gone (nobody holds the writer lock) and no newer
-// generation was published: what the table holds then is final.
+// once the writer is gone (nobody holds the writer lock): what the table
+// holds then is final. A newer generation announced by a writer that is gone
+// gets a few more rounds, in which the caller follows it if it was put in
+// place; a header that announces one that never comes cannot hold a reader.
 class Patience {
  public:
   bool wait(const Mapping& m) {
@@ -48,7 +50,8 @@ class Patience {
       return true;
     }
     sched_yield();
-    return spins_ % 128 != 0 || loadRelaxed(m.header().successor) != 0 || m.writerAttached();
+    if (spins_ % 128 != 0 || m.writerAttached()) return true;
+    return loadRelaxed(m.header().successor) != 0 && spins_ < 1024;
   }
 
  private:
