@@ -1,11 +1,14 @@
 # The two set-up commands of the README. Both install what is missing first.
 PKGS := cmake ninja-build g++ make libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev \
-        libcli11-dev liblzma-dev xz-utils
+        libcli11-dev liblzma-dev xz-utils pkgconf
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 BUILD := build
 ASAN_BUILD := build-asan
+FUZZ_BUILD := build-fuzz
+# The fuzz targets build with clang and link libFuzzer.
+FUZZ_PKGS := clang-14 libclang-rt-14-dev libfuzzer-14-dev
 
-.PHONY: deps build test test-plain test-asan demo clean
+.PHONY: deps build test test-plain test-asan test-fuzz demo clean
 
 deps:
 	@missing=$$(for p in $(PKGS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
@@ -27,11 +30,20 @@ test-asan: deps
 	cmake --build $(ASAN_BUILD) -j2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest -j2 --output-on-failure
 
-test: test-plain test-asan
+test-fuzz: deps
+	@missing=$$(for p in $(FUZZ_PKGS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing >/dev/null; \
+	fi
+	./scripts/fuzz.sh $(FUZZ_BUILD)
+
+test: test-plain test-asan test-fuzz
 
 demo: build
 	@if [ -x $(BUILD)/tools/depottrie/depottrie ]; then ./scripts/demo.sh $(BUILD); \
 	else echo "the depottrie tool is not built yet"; exit 1; fi
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
