@@ -57,6 +57,8 @@ Depot::SharedTableOptions small(U64 capacity, U64 maxEntries = (U64(1) << 31) - 
 struct TableKind {
   const char* name;
   std::function<std::unique_ptr<Depot::Table>(const Depot::RecordLayout&, const std::string& dir)> make;
+  // Test names show the kind, not the bytes of the value.
+  friend void PrintTo(const TableKind& k, std::ostream* os) { *os << k.name; }
 };
 
 class TableContract : public testing::TestWithParam<TableKind> {
