@@ -103,25 +103,8 @@ const Depot::SharedTable& sharedTable(const Trie& t) {
   return dynamic_cast<const Depot::SharedTable&>(t.trieNodeMap().table());
 }
 
-pid_t spawn(const std::function<int()>& fn) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    int status = 1;
-    try {
-      status = fn();
-    } catch (const std::exception& e) {
-      fmt::print(stderr, "child {}: {}\n", getpid(), e.what());
-    }
-    _exit(status);
-  }
-  return pid;
-}
-
-int statusOf(pid_t pid) {
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
+using trietest::spawn;
+using trietest::statusOf;
 
 // ---- One process ----
 
