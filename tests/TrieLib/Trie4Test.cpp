@@ -10,6 +10,7 @@
 #include "Kiln/Trace.h"
 #include "TrieLib/DepotTrie.h"
 #include "TrieLib/Trie4.h"
+#include "TrieTestSupport.h"
 
 using namespace Routing::Lattice;
 using Addrkit::IpGenPrefix;
@@ -18,6 +19,9 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace {
+
+using trietest::Collector;
+using trietest::TraceCapture;
 
 // "black [child00 child01 child10 child11]" with "-" for an empty slot, or
 // "absent" when no record has the key.
@@ -62,35 +66,7 @@ class WriteLog : public Kiln::Notifiee {
   Trie& trie_;
 };
 
-class TraceCapture {
- public:
-  TraceCapture() {
-    Kiln::traceSinkIs([this](std::string_view line) { lines.emplace_back(line); });
-    Kiln::traceConfigIs("DepotTrie/0-9");
-  }
-  ~TraceCapture() {
-    Kiln::traceHandle("DepotTrie").levelsIs(0);
-    Kiln::traceSinkIs({});
-  }
-  std::string all() const {
-    std::string s;
-    for (auto& l : lines) s += l + "\n";
-    return s;
-  }
-  std::vector<std::string> lines;
-};
 
-// Records what a walk delivers and answers as told for chosen prefixes.
-class Collector : public TrieWalkCallback {
- public:
-  WalkAction handleWalkCallback(const IpGenPrefix& p) override {
-    seen.push_back(p.stringValue());
-    auto it = answers.find(seen.back());
-    return it == answers.end() ? continueWalk : it->second;
-  }
-  std::vector<std::string> seen;
-  std::map<std::string, WalkAction> answers;
-};
 
 std::vector<std::string> walk(const Trie& t, const IpGenPrefix& from, std::map<std::string, WalkAction> answers = {}) {
   Basis::Ptr<Collector> c(new Collector);

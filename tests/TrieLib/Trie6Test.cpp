@@ -16,6 +16,7 @@
 #include "Ringlog/Ringlog.h"
 #include "TrieLib/DepotTrie.h"
 #include "TrieLib/Trie6.h"
+#include "TrieTestSupport.h"
 
 using namespace Routing::Lattice;
 using Addrkit::Ip6Prefix;
@@ -24,6 +25,9 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
+
+using trietest::Collector;
+using trietest::TraceCapture;
 
 Ip6Prefix p6(const char* text) { return Ip6Prefix(text); }
 IpGenPrefix g6(const char* text) { return IpGenPrefix(Ip6Prefix(text)); }
@@ -62,42 +66,12 @@ class KeyRecorder : public Kiln::Notifiee {
   Trie& trie_;
 };
 
-// Collects trace lines of the trie while alive.
-class TraceCapture {
- public:
-  TraceCapture() {
-    Kiln::traceSinkIs([this](std::string_view line) { lines.emplace_back(line); });
-    Kiln::traceHandle("DepotTrie").levelsIs(0x3ff);
-  }
-  ~TraceCapture() {
-    Kiln::traceHandle("DepotTrie").levelsIs(0);
-    Kiln::traceSinkIs({});
-  }
-  bool has(const std::string& text) const {
-    for (auto& l : lines)
-      if (l.find(text) != std::string::npos) return true;
-    return false;
-  }
-  std::vector<std::string> lines;
-};
 
-// Records what a walk delivers; answers `action` for the prefix `at`.
-class Collector : public TrieWalkCallback {
- public:
-  WalkAction handleWalkCallback(const IpGenPrefix& p) override {
-    seen.push_back(p.stringValue());
-    return p.stringValue() == at ? action : continueWalk;
-  }
-  std::vector<std::string> seen;
-  std::string at;
-  WalkAction action = continueWalk;
-};
 
 std::vector<std::string> walk(const Trie& t, const IpGenPrefix& root, const std::string& at = "",
                               WalkAction action = continueWalk) {
   Basis::Ptr<Collector> c(new Collector);
-  c->at = at;
-  c->action = action;
+  if (!at.empty()) c->answers[at] = action;
   t.preOrderWalk(c, root);
   return c->seen;
 }
