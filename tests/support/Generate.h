@@ -1,0 +1,94 @@
+#pragma once
+// Seeded random prefixes and insert/delete histories. Prefixes cluster around
+// a few bases so that they nest and share edges: insertions split nodes and
+// extend leaves, deletions hoist children.
+#include <random>
+#include <vector>
+
+#include "Addrkit/Prefix.h"
+
+namespace testkit {
+
+using Addrkit::IpGenPrefix;
+
+class PrefixGen {
+ public:
+  // evenOnly: IPv4 lengths are even (where lpm answers a plain longest match).
+  explicit PrefixGen(U32 seed, bool evenOnly = false) : rng(seed), evenOnly_(evenOnly) {
+    bases4_ = {0x00000000u, 0xFFFFFF00u, 0x0A000000u, 0x0A010200u, 0xC0A80000u, U32(rng()), U32(rng())};
+  }
+  U32 host4() { return bases4_[rng() % bases4_.size()] ^ (U32(rng()) & (0xFFFFFFFFu >> (4 + rng() % 26))); }
+  Addrkit::Ip6Address addr6() {
+    Addrkit::Ip6Address a;
+    a.wordIs(0, rng() % 16 == 0 ? ~0u : 0x20010DB8u ^ U32(rng() % 4));
+    a.wordIs(1, rng() % 3 == 0 ? U32(rng()) : U32(rng() % 4) << 16);
+    a.wordIs(2, rng() % 2 ? U32(rng()) : 0);
+    a.wordIs(3, U32(rng()));
+    return a;
+  }
+  // Any storable prefix: never a key the trie reserves (the root's all-ones
+  // host prefix, and the default route's all-zero host key with, in IPv4,
+  // the /31 that shares it).
+  IpGenPrefix prefix4() {
+    for (;;) {
+      U32 len = rng() % 33;
+      if (evenOnly_) len &= ~1u;
+      auto p = Addrkit::Prefix::masked(host4(), len);
+      if ((p.addrHost() == 0 && len >= 31) || (p.addrHost() == ~0u && len == 32)) continue;
+      return p;
+    }
+  }
+  IpGenPrefix prefix6() {
+    for (;;) {
+      auto p = Addrkit::Ip6Prefix::masked(addr6(), rng() % 4 == 0 ? rng() % 129 : 32 + rng() % 97);
+      bool zero = true, ones = true;
+      for (unsigned k = 0; k < 4; ++k) zero = zero && p.word(k) == 0, ones = ones && p.word(k) == ~0u;
+      if (p.len() == 128 && (zero || ones)) continue;
+      return p;
+    }
+  }
+  IpGenPrefix prefix(bool v6) { return v6 ? prefix6() : prefix4(); }
+  // A host address of either family, as a full-length prefix.
+  IpGenPrefix host(bool v6) {
+    return v6 ? IpGenPrefix(Addrkit::Ip6Prefix(addr6(), 128)) : IpGenPrefix(Addrkit::Prefix::masked(host4(), 32));
+  }
+  std::mt19937 rng;
+
+ private:
+  bool evenOnly_;
+  std::vector<U32> bases4_;
+};
+
+struct Op {
+  bool insert;
+  IpGenPrefix prefix;
+};
+
+// count operations over both families: the first two thirds mostly insert
+// (the tables grow), the rest mostly delete; some deletions name absent
+// prefixes and the default routes come and go.
+inline std::vector<Op> history(U32 seed, size_t count, unsigned percentV6 = 30) {
+  PrefixGen gen(seed);
+  std::vector<Op> ops;
+  std::vector<IpGenPrefix> live;
+  while (ops.size() < count) {
+    const bool growing = ops.size() < count * 2 / 3;
+    if (gen.rng() % 200 == 0) {
+      ops.push_back({gen.rng() % 2 == 0, IpGenPrefix(gen.rng() % 2 ? "0.0.0.0/0" : "::/0")});
+    } else if (live.empty() || gen.rng() % 100 < (growing ? 80u : 30u)) {
+      IpGenPrefix p = gen.prefix(gen.rng() % 100 < percentV6);
+      live.push_back(p);
+      ops.push_back({true, p});
+    } else if (gen.rng() % 10 == 0) {
+      ops.push_back({false, gen.prefix(gen.rng() % 2)});
+    } else {
+      const size_t at = gen.rng() % live.size();
+      ops.push_back({false, live[at]});
+      live[at] = live.back();
+      live.pop_back();
+    }
+  }
+  return ops;
+}
+
+}  // namespace testkit
