@@ -1,6 +1,6 @@
 # The two set-up commands of the README. Both install what is missing first.
 PKGS := cmake ninja-build g++ make libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev \
-        libcli11-dev liblzma-dev xz-utils pkgconf
+        libcli11-dev liblzma-dev xz-utils pkgconf python3
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 BUILD := build
 ASAN_BUILD := build-asan

@@ -52,6 +52,20 @@ class PrefixGen {
   IpGenPrefix host(bool v6) {
     return v6 ? IpGenPrefix(Addrkit::Ip6Prefix(addr6(), 128)) : IpGenPrefix(Addrkit::Prefix::masked(host4(), 32));
   }
+  // A random host address inside p.
+  IpGenPrefix hostInside(const IpGenPrefix& p) {
+    if (p.af() == Addrkit::AddressFamily::ipv4) {
+      const U32 low = p.len() == 0 ? ~0u : (U64(1) << (32 - p.len())) - 1;
+      return Addrkit::Prefix::masked(p.v4().addrHost() | (U32(rng()) & low), 32);
+    }
+    Addrkit::Ip6Address a = p.v6().address();
+    for (U32 k = 0; k < 4; ++k) {
+      const U32 keep = p.len() >= 32 * (k + 1) ? 32 : p.len() > 32 * k ? p.len() - 32 * k : 0;
+      const U32 low = keep == 0 ? ~0u : keep == 32 ? 0u : (1u << (32 - keep)) - 1;
+      a.wordIs(k, a.word(k) | (U32(rng()) & low));
+    }
+    return Addrkit::Ip6Prefix(a, 128);
+  }
   std::mt19937 rng;
 
  private:

@@ -1,1 +1,0 @@
-depot_test(TrieEntityTest SOURCES TrieEntityTest.cpp LIBS DepotTrie)

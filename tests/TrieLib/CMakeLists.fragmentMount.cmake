@@ -1,1 +1,0 @@
-depot_test(TrieMountTest SOURCES MountTest.cpp LIBS DepotTrie)

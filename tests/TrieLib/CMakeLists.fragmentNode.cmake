@@ -1,1 +1,0 @@
-depot_test(TrieNodeTest SOURCES TrieNodeTest.cpp LIBS DepotTrie)

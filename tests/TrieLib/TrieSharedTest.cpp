@@ -1,0 +1,307 @@
+// A trie in shared tables: writer and reader mounts, one update per
+// mutation, consistent reads, and real processes that write, read and are
+// killed while they do.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "TrieLib/ConsistentRead.h"
+#include "TrieLib/Mount.h"
+#include "TrieLib/TrieCheck.h"
+#include "support/Generate.h"
+#include "support/Process.h"
+#include "support/Reference.h"
+#include "support/TempRoot.h"
+#include "support/Walk.h"
+
+using namespace Routing::Lattice;
+using namespace testkit;
+using testing::HasSubstr;
+
+namespace {
+
+struct Root : TempRoot {
+  Root() { options.root = path; }
+  MountOptions options;
+};
+
+void apply(Trie& t, Reference& ref, const Op& op) {
+  if (op.insert) {
+    t.prefixIs(op.prefix);
+    ref.insert(op.prefix);
+  } else {
+    t.prefixDel(op.prefix);
+    ref.erase(op.prefix);
+  }
+}
+
+// Both families in walk order, as one list.
+std::vector<IpGenPrefix> stored(Trie& t) {
+  auto v = walkFamily(t, false), v6 = walkFamily(t, true);
+  v.insert(v.end(), v6.begin(), v6.end());
+  return v;
+}
+std::vector<IpGenPrefix> stored(const Reference& ref) { return {ref.all().begin(), ref.all().end()}; }
+
+}  // namespace
+
+TEST(TrieMount, AReaderFollowsTheWriterThroughGrowthAndCannotWrite) {
+  Root root;
+  EXPECT_FALSE(trieExists("T", root.options));
+  auto writer = trieWriterNew("T", root.options);
+  auto reader = trieReaderNew("T", root.options);
+  const U64 firstCapacity = writer->trieNodeMap().table().capacity();
+  Reference ref;
+  const auto ops = history(3, 6000);
+  for (size_t i = 0; i < ops.size(); ++i) {
+    apply(*writer, ref, ops[i]);
+    if (i % 1000 == 999) {
+      ASSERT_EQ(stored(*reader), stored(ref)) << "after " << i;
+    }
+  }
+  EXPECT_GT(writer->trieNodeMap().table().capacity(), firstCapacity);
+  EXPECT_EQ(checkTrie(*reader), std::vector<std::string>());
+  EXPECT_THROW(reader->prefixIs(IpGenPrefix("1.0.0.0/8")), Depot::AccessException);
+  try {
+    trieWriterNew("T", root.options);
+    ADD_FAILURE() << "a second writer mounted";
+  } catch (const Basis::Exception& e) {
+    EXPECT_THAT(e.what(), HasSubstr("already has a writer"));
+  }
+  EXPECT_THROW(trieDrop("T", root.options), Basis::Exception);
+  writer = nullptr;
+  auto restarted = trieWriterNew("T", root.options);
+  EXPECT_EQ(stored(*restarted), stored(ref));
+}
+
+TEST(TrieMount, ModesMissingTriesAndBadFilesGiveClearErrors) {
+  Root root;
+  root.options.mode = 0600;
+  trieWriterNew("T", root.options)->prefixIs(IpGenPrefix("10.0.0.0/8"));
+  struct stat st;
+  ASSERT_EQ(stat(root.file("T/trieNode6").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  try {
+    trieReaderNew("U", root.options);
+    ADD_FAILURE() << "a reader of a missing trie mounted";
+  } catch (const Basis::Exception& e) {
+    EXPECT_EQ(std::string(e.what()), "no trie named U under " + root.path);
+  }
+  for (const char* damage : {"truncate", "foreign"}) {
+    std::string file = root.file("T/trieNode");
+    if (std::string(damage) == "truncate") ASSERT_EQ(truncate(file.c_str(), 100), 0);
+    else std::ofstream(file, std::ios::in | std::ios::out) << "not a table";
+    try {
+      trieReaderNew("T", root.options);
+      ADD_FAILURE() << damage;
+    } catch (const Basis::Exception& e) {
+      EXPECT_THAT(e.what(), HasSubstr(file)) << damage;
+    }
+  }
+  trieDrop("T", root.options);
+  EXPECT_FALSE(trieExists("T", root.options));
+}
+
+TEST(TrieUpdates, EachMutationIsOneUpdateOfItsFamilysTableOnly) {
+  auto t = trieFactory("T");
+  t->prefixIs(IpGenPrefix("10.0.0.0/8"));
+  t->prefixIs(IpGenPrefix("2001:db8::/32"));
+  // A split, a hoist, a leaf extension, and the IPv6 twins.
+  for (const char* step : {"+11.0.0.0/8", "-11.0.0.0/8", "+10.1.0.0/16", "+2001:db9::/32", "-2001:db9::/32"}) {
+    const IpGenPrefix p(step + 1);
+    const bool v4 = p.af() == Addrkit::AddressFamily::ipv4;
+    auto& own = v4 ? static_cast<KilnDepot::CollectionBinding&>(t->trieNodeMap()) : t->trieNode6Map();
+    auto& other = v4 ? static_cast<KilnDepot::CollectionBinding&>(t->trieNode6Map()) : t->trieNodeMap();
+    const U64 before = own.updateCounter(), otherBefore = other.updateCounter();
+    std::vector<U64> seen;  // the counter at every record change
+    struct Watch : Kiln::Notifiee {
+      std::function<void()> f;
+      void onChange(const Kiln::Change&) override { f(); }
+    } watch;
+    watch.f = [&] { seen.push_back(own.updateCounter()); };
+    t->publisher()->subscribe(&watch);
+    watch.activeIs(true);
+    if (step[0] == '+') t->prefixIs(p);
+    else EXPECT_TRUE(t->prefixDel(p));
+    t->publisher()->unsubscribe(&watch);
+    EXPECT_GE(seen.size(), 3u) << step;
+    EXPECT_THAT(seen, testing::Each(before + 1)) << step;
+    EXPECT_EQ(own.updateCounter(), before + 2) << step;
+    EXPECT_EQ(other.updateCounter(), otherBefore) << step;
+  }
+}
+
+TEST(ConsistentRead, AWriterStuckMidUpdateIsReportedAndTheNextWriterSettlesIt) {
+  Root root;
+  auto w = trieWriterNew("T", root.options);
+  w->prefixIs(IpGenPrefix("10.0.0.0/8"));
+  w->prefixIs(IpGenPrefix("2001:db8::/32"));
+  auto r = trieReaderNew("T", root.options);
+  ConsistentReadOptions options;
+  options.stuckAfterMs = 50;
+  ConsistentReader reader(*r, options);
+  auto expectStuck = [&] {
+    EXPECT_THROW(
+        try { reader.lpm(IpGenPrefix("10.1.2.3")); } catch (const ConsistentReadException& e) {
+          EXPECT_THAT(e.what(), HasSubstr("trie T: the writer of T/trieNode appears stuck mid-update"));
+          throw;
+        },
+        ConsistentReadException);
+  };
+  w->trieNodeMap().updateBegin();
+  expectStuck();
+  EXPECT_EQ(reader.lpm(IpGenPrefix("2001:db8::1")), IpGenPrefix("2001:db8::/32"));  // the other family goes on
+  w->trieNodeMap().updateEnd();
+  EXPECT_EQ(reader.lpm(IpGenPrefix("10.1.2.3")), IpGenPrefix("10.0.0.0/8"));
+  w = nullptr;
+  SharedCounters shared;
+  Child killed([&] {
+    auto t = trieWriterNew("T", root.options);
+    t->trieNodeMap().updateBegin();
+    shared->ready = 1;
+    pause();
+    return 3;
+  });
+  ASSERT_TRUE(eventually([&] { return shared->ready == 1; }));
+  EXPECT_EQ(killed.kill9(), 100 + SIGKILL);
+  expectStuck();
+  w = trieWriterNew("T", root.options);
+  EXPECT_EQ(reader.lpm(IpGenPrefix("10.1.2.3")), IpGenPrefix("10.0.0.0/8"));
+}
+
+namespace {
+
+// What a query answers, as text; walks skip and abort by a hash of the prefix.
+std::string answer(Trie& direct, ConsistentReader* reader, int kind, const IpGenPrefix& p) {
+  switch (kind) {
+    case 0: return (reader ? reader->lpm(p) : direct.lpm(p)).stringValue();
+    case 1: return (reader ? reader->longestMatch(p) : direct.longestMatch(p)).stringValue();
+    case 2: return (reader ? reader->getNext(p) : direct.getNext(p)).stringValue();
+  }
+  std::map<std::string, WalkAction> answers;
+  for (const char* s : {"10.0.0.0/8", "2001:db8::/32"}) answers[s] = skipSubtree;
+  return reader ? walkText(*reader, p, answers) : walkText(direct, p, answers);
+}
+
+}  // namespace
+
+// Readers ask consistent queries while a writer process applies thousands of
+// updates to growing tables: every answer is the answer of some state
+// between two of the writer's updates that lies within the query's time.
+TEST(TrieProcesses, ConsistentReadersOnlySeeStatesBetweenUpdates) {
+  Root root;
+  const auto ops = history(2024, 8000);
+  SharedCounters shared;
+  trieWriterNew("S", root.options) = nullptr;
+  std::vector<Child> readers;
+  for (U32 id = 0; id < 2; ++id) {
+    readers.emplace_back([&, id] {
+      auto t = trieReaderNew("S", root.options);
+      ConsistentReader reader(*t);
+      auto replay = trieFactory("replay");
+      size_t at = 0;
+      PrefixGen gen(100 + id);
+      shared->ready++;
+      for (bool last = false; !last;) {
+        const size_t first = shared->done.load();
+        last = first == ops.size();
+        const int kind = gen.rng() % 4;
+        IpGenPrefix p = kind == 3 && gen.rng() % 3 == 0 ? (gen.rng() % 2 ? IpGenPrefix(rootPrefix) : IpGenPrefix(rootPrefix6))
+                                                        : gen.hostInside(ops[gen.rng() % ops.size()].prefix);
+        if (p == IpGenPrefix("0.0.0.0/32") || p == IpGenPrefix("::/128")) continue;
+        const std::string got = answer(*t, &reader, kind, p);
+        shared->answered++;
+        const size_t lastState = std::min(shared->done.load() + 1, ops.size());
+        bool matched = false;
+        for (size_t s = std::max(first, at); s <= lastState && !matched; ++s) {
+          for (; at < s; ++at) ops[at].insert ? replay->prefixIs(ops[at].prefix) : (void)replay->prefixDel(ops[at].prefix);
+          matched = answer(*replay, nullptr, kind, p) == got;
+        }
+        if (!matched) {
+          fmt::print(stderr, "reader {}: query {} {} answered '{}' outside states {}..{}\n", id, kind, p, got, first,
+                     lastState);
+          return 3;
+        }
+      }
+      return checkTrie(*t).empty() ? 0 : 4;
+    });
+  }
+  Child writer([&] {
+    while (shared->ready < 2) sched_yield();
+    auto t = trieWriterNew("S", root.options);
+    for (size_t i = 0; i < ops.size(); ++i) {
+      ops[i].insert ? t->prefixIs(ops[i].prefix) : (void)t->prefixDel(ops[i].prefix);
+      shared->done = i + 1;
+      // Let the readers ask a question every few updates.
+      for (U64 want = shared->answered + 2; i % 4 == 0 && shared->answered < want;) sched_yield();
+    }
+    return 0;
+  });
+  EXPECT_EQ(writer.wait(), 0);
+  for (Child& r : readers) EXPECT_EQ(r.wait(), 0);
+}
+
+// A writer process killed with SIGKILL at random moments of a history: the
+// next writer finds a sound trie holding the prefixes of the last operation
+// that returned, or of the one after it.
+TEST(TrieProcesses, AKilledWriterLeavesTheStateOfItsLastOrNextOperation) {
+  Root root;
+  const auto ops = history(4711, 6000);
+  SharedCounters shared;
+  PrefixGen gen(99);
+  trieWriterNew("C", root.options) = nullptr;
+  size_t applied = 0;
+  for (int round = 0; round < 25 && applied < ops.size(); ++round) {
+    shared->done = applied;
+    Child child([&] {
+      auto t = trieWriterNew("C", root.options);
+      for (size_t i = applied; i < ops.size(); ++i) {
+        ops[i].insert ? t->prefixIs(ops[i].prefix) : (void)t->prefixDel(ops[i].prefix);
+        shared->done = i + 1;
+      }
+      return 0;
+    });
+    const size_t target = applied + 1 + gen.rng() % 300;
+    eventually([&] { return shared->done >= std::min(target, ops.size()); });
+    std::this_thread::sleep_for(std::chrono::microseconds(gen.rng() % 2000));  // anywhere in the next ones
+    const int status = child.kill9();
+    ASSERT_TRUE(status == 0 || status == 100 + SIGKILL) << status;
+    const size_t returned = shared->done;
+    auto t = trieWriterNew("C", root.options);
+    ASSERT_EQ(checkTrie(*t), std::vector<std::string>()) << "kill " << round << " after " << returned;
+    Reference before, after;
+    for (size_t i = 0; i < returned; ++i) ops[i].insert ? (void)before.insert(ops[i].prefix) : (void)before.erase(ops[i].prefix);
+    after = before;
+    if (returned < ops.size()) ops[returned].insert ? (void)after.insert(ops[returned].prefix) : (void)after.erase(ops[returned].prefix);
+    const auto now = stored(*t);
+    ASSERT_TRUE(now == stored(before) || now == stored(after)) << "kill " << round << " after " << returned;
+    applied = now == stored(before) ? returned : std::min(returned + 1, ops.size());
+  }
+}
+
+// Readers and writers killed at any moment hold nothing that blocks the next.
+TEST(TrieProcesses, KilledReadersAndWritersBlockNobody) {
+  Root root;
+  trieWriterNew("K", root.options)->prefixIs(IpGenPrefix("10.0.0.0/8"));
+  for (int round = 0; round < 3; ++round) {
+    Child reader([&] {
+      auto t = trieReaderNew("K", root.options);
+      for (;;) t->lpm(IpGenPrefix("10.1.1.1"));
+      return 0;
+    });
+    Child writer([&] {
+      auto t = trieWriterNew("K", root.options);
+      for (U32 i = 0;; ++i) t->prefixIs(Addrkit::Prefix::masked(0x0B000000u + (i << 8), 24));
+      return 0;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    writer.kill9();
+    reader.kill9();
+    auto t = trieWriterNew("K", root.options);
+    EXPECT_EQ(t->lpm(IpGenPrefix("10.1.1.1")), IpGenPrefix("10.0.0.0/8"));
+    EXPECT_EQ(checkTrie(*t), std::vector<std::string>());
+  }
+}
