@@ -40,6 +40,7 @@ test-fuzz: deps
 	./scripts/fuzz.sh $(FUZZ_BUILD)
 
 test: test-plain test-asan test-fuzz
+	@./scripts/test-ratio.sh
 
 demo: build
 	@if [ -x $(BUILD)/tools/depottrie/depottrie ]; then ./scripts/demo.sh $(BUILD); \

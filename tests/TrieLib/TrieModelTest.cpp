@@ -47,6 +47,13 @@ void expectSameAnswers(const Trie& t, const Reference& ref, PrefixGen& gen) {
       ASSERT_EQ(t.getNext(start), ref.next(start)) << "getNext " << start;
       ASSERT_EQ(reader.getNext(start), ref.next(start)) << "consistent getNext " << start;
     }
+    // The consistent reader's buffered walk honours skip and abort as the direct walk does.
+    for (int w = 0; w < 20 && !want.empty(); ++w) {
+      std::map<std::string, WalkAction> answers;
+      for (int k = 0; k < 6; ++k) answers[want[gen.rng() % want.size()].stringValue()] = WalkAction(k % 3 + (k == 5 ? 7 : 0));
+      const IpGenPrefix from = w < 2 ? families[v6] : want[gen.rng() % want.size()];
+      ASSERT_EQ(walkText(reader, from, answers), walkText(t, from, answers)) << "walk from " << from;
+    }
   }
 }
 
@@ -143,4 +150,36 @@ TEST(TrieModel, SampleTablesLoadSoundAndMatchTheReference) {
   EXPECT_GT(lpmMisses, 0u);
   EXPECT_EQ(t->lpm(IpGenPrefix("208.86.125.6")), IpGenPrefix());  // 208.86.120.0/21 is stored
   EXPECT_EQ(t->longestMatch(IpGenPrefix("208.86.125.6")), IpGenPrefix("208.86.120.0/21"));
+}
+
+// A branch at every bit along one address: 17 IPv4 nodes (every even
+// length) and 129 IPv6 nodes deep, the most a trie can be; every operation
+// must work there without tripping its depth guard.
+TEST(TrieModel, TheDeepestTriesOfBothFamiliesWork) {
+  auto t = trieFactory("deep");
+  Reference ref;
+  PrefixGen gen(3);
+  const IpGenPrefix spines[] = {IpGenPrefix("1.1.1.1/32"), IpGenPrefix("2001:db8::1/128")};
+  for (const IpGenPrefix& spine : spines) {
+    for (U32 len = 1; len <= spine.len(); ++len) {
+      // The sibling of the spine's prefix of this length.
+      IpGenPrefix sibling = cut(spine, len);
+      while (sibling == cut(spine, len)) sibling = cut(gen.hostInside(cut(spine, len - 1)), len);
+      for (const IpGenPrefix& p : {sibling, cut(spine, len)}) {
+        t->prefixIs(p);
+        ref.insert(p);
+      }
+    }
+    EXPECT_EQ(t->longestMatch(spine), spine);
+    EXPECT_EQ(t->lpm(spine), spine);
+  }
+  EXPECT_EQ(checkTrie(*t), std::vector<std::string>());
+  EXPECT_EQ(trieStats(*t).v4.depthCount.size(), 17u);
+  EXPECT_EQ(trieStats(*t).v6.depthCount.size(), 129u);
+  PrefixGen queries(4);
+  ASSERT_NO_FATAL_FAILURE(expectSameAnswers(*t, ref, queries));
+  for (const IpGenPrefix& p : std::vector<IpGenPrefix>(ref.all().rbegin(), ref.all().rend())) {
+    ASSERT_TRUE(t->prefixDel(p)) << p;
+  }
+  EXPECT_EQ(checkTrie(*t), std::vector<std::string>());
 }
