@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "Depot/SharedTable.h"
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 #include "TrieLib/TrieCheck.h"
 #include "TrieProcessSupport.h"
 

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "TrieLib/DepotTrie.h"
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 
 namespace trietest {
 

@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "TrieLib/DepotTrie.h"
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
