@@ -1,11 +1,7 @@
 // True longest-prefix match over the node records.
 #include <fmt/format.h>
 
-#include <bit>
-
-#include "TrieLib/DepotTrie.h"
-#include "TrieLib/Trie4.h"
-#include "TrieLib/Trie6.h"
+#include "TrieLib/TrieFamily.h"
 
 namespace Routing::Lattice {
 namespace {
@@ -14,9 +10,6 @@ namespace {
   throw Basis::Exception(fmt::format("trie {}: {} descent deeper than {} levels; the trie is damaged",
                                      trie->name(), family, limit));
 }
-
-// The longest length among the set bits of a black word (bit 0 is length 32).
-U32 longestBlack(U32 bits) { return 32 - std::countr_zero(bits); }
 
 Addrkit::IpGenPrefix longestMatch4(const Trie* trie, const Addrkit::Prefix& p) {
   const U32 plen = p.len();
@@ -32,13 +25,12 @@ Addrkit::IpGenPrefix longestMatch4(const Trie* trie, const Addrkit::Prefix& p) {
   };
 
   Addrkit::Prefix key = trie->trieNode(rootPrefix).root();
-  const TrieNode absent(prefix00);
   for (U32 depth = 0; key != nullPrefix; ++depth) {
     if (depth > Trie::ipv4TrieMaxDepth()) tooDeep(trie, "IPv4", Trie::ipv4TrieMaxDepth());
     TrieNode n = trie->trieNode(key);
-    if (n == absent) break;
+    if (Family4::isAbsent(n)) break;
     const U32 len = n.key().len();
-    const U32 c = commonPrefixLen(n.key(), p, std::min(len, plen));
+    const U32 c = Family4::commonLen(n.key(), p);
     U32 bits = blackUpTo(n.black(), c);
     // 0.0.0.0/32 cannot be stored as a route: its bit on that key is the default route.
     if (n.key() == prefix032) bits &= ~1u;
@@ -64,13 +56,12 @@ Addrkit::IpGenPrefix longestMatch6(const Trie* trie, const Addrkit::Ip6Prefix& p
   bool found = false;
 
   Addrkit::Ip6Prefix key = trie->trieNode6(rootPrefix6).leftChild();
-  const TrieNode6 absent(prefix006);
   for (U32 depth = 0; key != nullPrefix6; ++depth) {
     if (depth > Trie::ipv6TrieMaxDepth()) tooDeep(trie, "IPv6", Trie::ipv6TrieMaxDepth());
     TrieNode6 n = trie->trieNode6(key);
-    if (n == absent) break;
+    if (Family6::isAbsent(n)) break;
     const U32 len = n.key().len();
-    const U32 c = commonPrefixLen6(n.key(), p, std::min(len, plen));
+    const U32 c = Family6::commonLen(n.key(), p);
     if (U32 m = c ? prevBlack6(n, c) : 0) {
       best = Addrkit::Ip6Prefix::masked(n.key().address(), m);
       found = true;

@@ -5,9 +5,7 @@
 #include "KilnDepot/CollectionControl.h"
 #include "Ringlog/Ringlog.h"
 #include "TrieLib/DepotTrie.h"
-#include "TrieLib/Trie4.h"
-#include "TrieLib/Trie6.h"
-#include "TrieLib/TrieTrace.h"
+#include "TrieLib/TrieFamilyOps.h"
 
 namespace Routing::Lattice {
 namespace {
@@ -35,6 +33,55 @@ const Depot::RecordLayout trieNodeLayout{"Routing::Lattice::TrieNode", sizeof(Tr
                                          sizeof(Addrkit::Prefix)};
 const Depot::RecordLayout trieNode6Layout{"Routing::Lattice::TrieNode6", sizeof(TrieNode6), TrieNode6::keyOffset,
                                           sizeof(Addrkit::Ip6Prefix)};
+
+// The storage steps both node collections take alike; `count` is the
+// collection's trieNodeIs / trieNodeDel counter.
+template <class K>
+const U8* keyBytes(const K& key) {
+  return reinterpret_cast<const U8*>(&key);
+}
+
+template <class Map, class Record>
+void writeRecord(Map& map, Beat::Counter& count, const Record& node) {
+  count.inc();
+  map.safeWrite(node);
+  map.notifyKey(keyBytes(node.key()));
+}
+
+template <class Map, class Record>
+void commitRecord(Map& map, Beat::Counter& count, Record* node) {
+  count.inc();
+  map.directCommit(node);
+  map.notifyKey(keyBytes(node->key()));
+}
+
+template <class Map, class Key>
+auto removeRecord(Map& map, Beat::Counter& count, const Key& key) {
+  count.inc();
+  if (!map.safeRemove(key)) return map.defaultValue();
+  map.notifyKey(keyBytes(key));
+  return map.scratchRecord();
+}
+
+// Without subscribers (`direct`) nobody can observe the removals, so they
+// skip the counters and notifications.
+template <class Map, class Remove>
+void removeAll(Map& map, bool direct, Remove&& remove) {
+  for (auto it = map.begin(); it.valid(); it.advance()) {
+    if (direct) map.safeRemove(it->key());
+    else remove(it->key());
+  }
+}
+
+void controlQuiescedIs(KilnDepot::CollectionBinding& binding, bool q) {
+  if (auto* c = binding.control()) c->quiescedIs(q);
+}
+
+void controlMountStatusIs(KilnDepot::CollectionBinding& binding) {
+  if (binding.debug().verbose())
+    binding.debug().log(0, fmt::format("mountStatus {}", KilnDepot::stringValue(binding.mountStatus())));
+  if (auto* c = binding.control()) c->mountStatusIs(binding.mountStatus());
+}
 
 }  // namespace
 
@@ -219,96 +266,36 @@ void Trie::trieNode6Notify(const Addrkit::Ip6Prefix& key) {
   trieNode6NotifyCount_->inc();
 }
 
-void Trie::trieNodeNotifyQuiesced(bool q) {
-  if (auto* c = trieNode_.control()) c->quiescedIs(q);
-}
+void Trie::trieNodeNotifyQuiesced(bool q) { controlQuiescedIs(trieNode_, q); }
+void Trie::trieNode6NotifyQuiesced(bool q) { controlQuiescedIs(trieNode6_, q); }
+void Trie::trieNodeNotifyMountStatus() { controlMountStatusIs(trieNode_); }
+void Trie::trieNode6NotifyMountStatus() { controlMountStatusIs(trieNode6_); }
 
-void Trie::trieNode6NotifyQuiesced(bool q) {
-  if (auto* c = trieNode6_.control()) c->quiescedIs(q);
-}
+void Trie::trieNodeIs(const TrieNode& node) { writeRecord(trieNode_, *trieNodeIsCount_, node); }
+void Trie::trieNode6Is(const TrieNode6& node) { writeRecord(trieNode6_, *trieNode6IsCount_, node); }
+void Trie::trieNodeCommit(TrieNode* node) { commitRecord(trieNode_, *trieNodeIsCount_, node); }
+void Trie::trieNode6Commit(TrieNode6* node) { commitRecord(trieNode6_, *trieNode6IsCount_, node); }
 
-void Trie::trieNodeNotifyMountStatus() {
-  if (trieNode_.debug().verbose())
-    trieNode_.debug().log(0, fmt::format("mountStatus {}", KilnDepot::stringValue(trieNode_.mountStatus())));
-  if (auto* c = trieNode_.control()) c->mountStatusIs(trieNode_.mountStatus());
-}
-
-void Trie::trieNode6NotifyMountStatus() {
-  if (trieNode6_.debug().verbose())
-    trieNode6_.debug().log(0, fmt::format("mountStatus {}", KilnDepot::stringValue(trieNode6_.mountStatus())));
-  if (auto* c = trieNode6_.control()) c->mountStatusIs(trieNode6_.mountStatus());
-}
-
-void Trie::trieNodeIs(const TrieNode& node) {
-  trieNodeIsCount_->inc();
-  trieNode_.safeWrite(node);
-  trieNode_.notifyKey(reinterpret_cast<const U8*>(&node.key()));
-}
-
-void Trie::trieNode6Is(const TrieNode6& node) {
-  trieNode6IsCount_->inc();
-  trieNode6_.safeWrite(node);
-  trieNode6_.notifyKey(reinterpret_cast<const U8*>(&node.key()));
-}
-
-TrieNode Trie::trieNodeDel(const Addrkit::Prefix& key) {
-  trieNodeDelCount_->inc();
-  if (!trieNode_.safeRemove(key)) return trieNode_.defaultValue();
-  trieNode_.notifyKey(reinterpret_cast<const U8*>(&key));
-  return trieNode_.scratchRecord();
-}
+TrieNode Trie::trieNodeDel(const Addrkit::Prefix& key) { return removeRecord(trieNode_, *trieNodeDelCount_, key); }
 
 TrieNode6 Trie::trieNode6Del(const Addrkit::Ip6Prefix& key) {
-  trieNode6DelCount_->inc();
-  if (!trieNode6_.safeRemove(key)) return trieNode6_.defaultValue();
-  trieNode6_.notifyKey(reinterpret_cast<const U8*>(&key));
-  return trieNode6_.scratchRecord();
+  return removeRecord(trieNode6_, *trieNode6DelCount_, key);
 }
 
-// Without subscribers nobody can observe the removals, so they skip the
-// counters and notifications.
 void Trie::trieNodeDelAll() {
-  bool direct = publisher()->initialState();
-  for (auto it = trieNode_.begin(); it.valid(); it.advance()) {
-    if (direct) trieNode_.safeRemove(it->key());
-    else trieNodeDel(it->key());
-  }
+  removeAll(trieNode_, publisher()->initialState(), [this](const Addrkit::Prefix& key) { trieNodeDel(key); });
 }
 
 void Trie::trieNode6DelAll() {
-  bool direct = publisher()->initialState();
-  for (auto it = trieNode6_.begin(); it.valid(); it.advance()) {
-    if (direct) trieNode6_.safeRemove(it->key());
-    else trieNode6Del(it->key());
-  }
-}
-
-void Trie::trieNodeCommit(TrieNode* node) {
-  trieNodeIsCount_->inc();
-  trieNode_.directCommit(node);
-  trieNode_.notifyKey(reinterpret_cast<const U8*>(&node->key()));
-}
-
-void Trie::trieNode6Commit(TrieNode6* node) {
-  trieNode6IsCount_->inc();
-  trieNode6_.directCommit(node);
-  trieNode6_.notifyKey(reinterpret_cast<const U8*>(&node->key()));
+  removeAll(trieNode6_, publisher()->initialState(), [this](const Addrkit::Ip6Prefix& key) { trieNode6Del(key); });
 }
 
 Addrkit::IpGenPrefix checkForPrefix00(const Trie* trie) {
-  TrieNode stored = trie->trieNode(prefix032);
-  TrieNode absent(prefix00);
-  if (TrieNode::isEq(&stored, &absent)) return {};
-  TRIE_TRACE(8, "checkForPrefix00 0/32 inside the collection - 0/0 was found");
-  return prefix00;
+  return defaultRouteAnswer<Family4>(trie, "checkForPrefix00");
 }
 
 Addrkit::IpGenPrefix checkForPrefix006(const Trie* trie) {
-  TrieNode6 stored = trie->trieNode6(prefix0128);
-  TrieNode6 absent(prefix006);
-  if (TrieNode6::isEq(&stored, &absent)) return {};
-  TRIE_TRACE(8, "checkForPrefix006 0/128 inside the collection - 0/0 was found");
-  return prefix006;
+  return defaultRouteAnswer<Family6>(trie, "checkForPrefix006");
 }
 
 // ---- Public operations ----

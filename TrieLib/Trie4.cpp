@@ -1,17 +1,43 @@
 // IPv4 trie algorithms: a path-compressed trie of stride 2 over TrieNode
-// records. Every change is made on a copy of a record and written back whole,
-// parent before child, so that a reader never meets a key whose record has not
-// been written yet.
+// records, one record per node in the trieNode table, keyed by the node key.
+//
+//                   root record 255.255.255.255/32   (child00: the top node)
+//                                |
+//                        10.0.0.0/8 {8}
+//               00 /          10 |             \ 11
+//      10.0.0.0/16 {16}   10.128.0.0/10 {9}   10.192.0.0/16 {16}
+//
+//   {..}: lengths marked black. 10.128.0.0/9 is stored on 10.128.0.0/10.
+//
+// Node:  black marks the stored prefixes along the node key: bit of length l
+//        (blackMask) set means the key cut to l bits is stored. The marked
+//        lengths lie on the node's own edge, after its parent's length and up
+//        to its own. An odd-length prefix p/l is carried by the node keyed
+//        p/(l+1) (nodeKeyFor); when a branching node of length l-1 splits the
+//        edge, it moves to the child in the pair's x0 slot (a new node when
+//        there is none), so lpm does not see it from the x1 slot
+//        (Trie::longestMatch does).
+// Slots: an empty slot holds nullPrefix, which is the root record's key; a
+//        descent that follows one reads the root record and stops there.
+// Reserved: 0.0.0.0/0 is kept as bit 32 of its own record at 0.0.0.0/32,
+//        outside the tree; 0.0.0.0/32 and 255.255.255.255/32 are refused.
+// White: records without black bits are the root record, branching nodes
+//        made by a split, and nodes whose prefixes went while they kept
+//        children; a node left white and childless is removed.
+// Depth: keys 0, 2, ..., 32 make at most 17 nodes on a path (16 descents
+//        below the top node); a descent beyond that asserts, a walk raises.
+//
+// Every change is made on a copy of a record and written back whole, parent
+// before child: between two writes of one update a child key can name a
+// record not written yet, which reads as the absent record and ends a
+// descent. Readers that need a settled answer use ConsistentReader.
 #include "TrieLib/Trie4.h"
-
-#include <fmt/format.h>
 
 #include <algorithm>
 #include <bit>
 
 #include "Ringlog/Ringlog.h"
-#include "TrieLib/TrieTrace.h"
-#include "TrieLib/TrieWalk.h"
+#include "TrieLib/TrieFamilyOps.h"
 
 namespace Routing::Lattice {
 namespace {
@@ -22,21 +48,8 @@ constexpr const char* prefixDel4Signature =
     "bool Routing::Lattice::prefixDel4(Routing::Lattice::Trie*, const Addrkit::Prefix&)";
 constexpr const char* lpm4NodeSignature =
     "Routing::Lattice::TrieNode Routing::Lattice::lpm4Node(const Routing::Lattice::Trie*, const Addrkit::Prefix&)";
-constexpr const char* getNext4Signature =
-    "Addrkit::IpGenPrefix Routing::Lattice::getNext4(const Routing::Lattice::Trie*, const Addrkit::Prefix&)";
-constexpr const char* doGetNext4Signature =
-    "Addrkit::IpGenPrefix Routing::Lattice::doGetNext4(const Routing::Lattice::Trie*, const Addrkit::Prefix&, "
-    "const Addrkit::Prefix&, U32)";
 constexpr const char* depthText = "trieDepth++ <= 16";
-
-// Moves downward allowed before a descent counts as broken: 16 with stride 2
-// over 32 bits.
-constexpr U32 maxDescents = 16;
-
-// The longest length among the set bits of a black word (bit 0 is length 32).
-U32 longestBlack(U32 bits) { return 32 - std::countr_zero(bits); }
-// The shortest length among the set bits of a non-zero black word.
-U32 shortestBlack(U32 bits) { return std::countl_zero(bits) + 1; }
+constexpr U32 maxDescents = Family4::maxDescents;
 
 bool isLeaf(const TrieNode& n) {
   return n.child00() == nullPrefix && n.child01() == nullPrefix && n.child10() == nullPrefix &&
@@ -51,14 +64,10 @@ U32 slotBelow(const TrieNode& parent, const Addrkit::Prefix& key) {
   return childSlot(key, evenCommonLen(c));
 }
 
-// The prefix of length len along a node key.
-Addrkit::Prefix prefixAlong(const Addrkit::Prefix& key, U32 len) { return Addrkit::Prefix::masked(key.addrHost(), len); }
-
 // The address of `key` cut to `len` bits, as a key of length keyLen; throws
 // the range error when that is not a valid prefix.
 Addrkit::Prefix cutKey(const Addrkit::Prefix& key, U32 len, U32 keyLen) {
-  U32 mask = len == 0 ? 0u : 0xFFFFFFFFu << (32 - len);
-  return Addrkit::Prefix(Addrkit::Ip4Address::fromHost(key.addrHost() & mask), keyLen);
+  return Addrkit::Prefix(Addrkit::Ip4Address::fromHost(key.addrHost() & lengthsUpTo(len)), keyLen);
 }
 
 // The descent usually ends at the node of the prefix itself: its lookup in
@@ -66,11 +75,6 @@ Addrkit::Prefix cutKey(const Addrkit::Prefix& key, U32 len, U32 keyLen) {
 void prefetchNode(const Trie* trie, const Addrkit::Prefix& prefix) {
   const Addrkit::Prefix key = nodeKeyFor(prefix);
   trie->trieNodeMap().table().prefetch(reinterpret_cast<const U8*>(&key));
-}
-
-const TrieNode& absentNode() {
-  static const TrieNode absent(prefix00);
-  return absent;
 }
 
 }  // namespace
@@ -148,62 +152,55 @@ void updateAndExtendNode(Trie* trie, const Addrkit::Prefix& prefix, TrieNode& pa
 // `prefix` leaves the edge of `node` at the even length commonLen: a split
 // node of that length takes node's place under `parent`, with node and the
 // new prefix's node below it. The prefix of length commonLen + 1 along node's
-// key (the dangling bit) belongs to whichever node now carries that length.
+// key (the dangling bit) is carried by the child in the x0 slot of its pair:
+// node itself, the new prefix's node, or a node made for it.
 void addSplitNodeToCollection(Trie* trie, const Addrkit::Prefix& prefix, U32 commonLen, U32 prefixBits,
                               TrieNode& parent, TrieNode& node) {
-  const U32 e = commonLen;
+  const U32 splitLen = commonLen;
   Addrkit::Prefix key = nodeKeyFor(prefix);
-  Addrkit::Prefix splitKey = cutKey(prefix, e, e);
+  Addrkit::Prefix splitKey = cutKey(prefix, splitLen, splitLen);
   updateNode(trie, parent, splitKey, slotBelow(parent, splitKey));
 
   TrieNode split(splitKey);
   updateNode(trie, split, key, prefixBits);
   addNewNodeToCollection(trie, key, prefix.len());
 
-  const U32 nodeBits = childSlot(node.key(), e);
-  const bool danglingBB = hasBlack(node, e + 1);
-  const U32 danglingPBs = nodeBits & ~1u;
-  U32 limit = e;
-  if (danglingBB && prefixBits == danglingPBs) {
+  const U32 nodeBits = childSlot(node.key(), splitLen);
+  const bool danglingBitIsBlack = hasBlack(node, splitLen + 1);
+  const U32 danglingSlotPair = nodeBits & ~1u;
+  // Node gives up its bits up to movedUpTo: those up to splitLen go to the
+  // split node, the dangling bit to the node that carries it.
+  U32 movedUpTo = splitLen;
+  if (danglingBitIsBlack && prefixBits == danglingSlotPair) {
     TrieNode carrier = trie->trieNode(key);
-    setBlack(carrier, e + 1, true);
+    setBlack(carrier, splitLen + 1, true);
     trie->trieNodeIs(carrier);
-    limit = e + 1;
+    movedUpTo = splitLen + 1;
   }
 
   updateNode(trie, split, node.key(), nodeBits);
-  split.blackIs(blackUpTo(node.black(), e));
+  split.blackIs(blackUpTo(node.black(), splitLen));
   TRIE_TRACE(4,
              "addSplitNodeToCollection Inserting split node. Prefix: {} new black: {} child00: {} child01: {} "
              "child10: {} child11: {}, node bits: {}, prefix bits: {}, DanglingPBs: {}, DanglingBB: {}",
              splitKey, split.black(), split.child00(), split.child01(), split.child10(), split.child11(), nodeBits,
-             prefixBits, danglingPBs, danglingBB);
+             prefixBits, danglingSlotPair, danglingBitIsBlack);
   trie->trieNodeIs(split);
 
-  if (danglingBB && danglingPBs != nodeBits && danglingPBs != prefixBits) {
-    Addrkit::Prefix danglingKey = cutKey(node.key(), e + 1, e + 2);
-    addNewNodeToCollection(trie, danglingKey, e + 1);
-    updateNode(trie, split, danglingKey, danglingPBs);
-    limit = e + 1;
+  if (danglingBitIsBlack && danglingSlotPair != nodeBits && danglingSlotPair != prefixBits) {
+    Addrkit::Prefix danglingKey = cutKey(node.key(), splitLen + 1, splitLen + 2);
+    addNewNodeToCollection(trie, danglingKey, splitLen + 1);
+    updateNode(trie, split, danglingKey, danglingSlotPair);
+    movedUpTo = splitLen + 1;
   }
 
-  if (limit != 0) node.blackIs(node.black() & (0xFFFFFFFFu >> limit));
+  node.blackIs(node.black() & ~lengthsUpTo(movedUpTo));
   TRIE_TRACE(4, "addSplitNodeToCollection node prefix: {} new black: {}", node.key(), node.black());
   trie->trieNodeIs(node);
 }
 
 void prefixIs4(Trie* trie, const Addrkit::Prefix& prefix) {
-  if (prefix == prefix032 || prefix == nullPrefix) {
-    TRIE_TRACE(9, "prefixIs4 Trie cannot allow prefix: {}", prefix);
-    return;
-  }
-  if (prefix == prefix00) {
-    TRIE_TRACE(7, "prefixIs4 Inserting 0/0... put into collection as 0/32");
-    TrieNode defaultRoute(prefix032);
-    setBlack(defaultRoute, 32, true);
-    trie->trieNodeIs(defaultRoute);
-    return;
-  }
+  if (insertedAsReserved<Family4>(trie, prefix, "prefixIs4")) return;
   TRIE_TRACE(8, "prefixIs4 Inserting prefix: {}", prefix);
   prefetchNode(trie, prefix);
 
@@ -215,23 +212,23 @@ void prefixIs4(Trie* trie, const Addrkit::Prefix& prefix) {
   }
 
   TrieNode node = trie->trieNode(parent.root());
-  U32 trieDepth = maxDescents + 1;
+  U32 descents = 0;
   for (;;) {
     TRIE_TRACE(7, "prefixIs4 Current node: {} black: {} child00: {} child01: {} child10: {} child11: {}", node.key(),
                node.black(), node.child00(), node.child01(), node.child10(), node.child11());
     const U32 c = commonPrefixLen(node.key(), prefix, std::min(node.key().len(), prefix.len()));
-    const U32 e = evenCommonLen(c);
+    const U32 evenLen = evenCommonLen(c);
     if (c == prefix.len()) {
       TRIE_TRACE(7, "prefixIs4 Exact match. Flip black bit, update, return");
       if (!hasBlack(node, prefix.len())) setBlack(node, prefix.len(), true);
       trie->trieNodeIs(node);
       return;
     }
-    const U32 slot = childSlot(prefix, e);
-    TRIE_TRACE(7, "prefixIs4 prefix {} evenCommonLen: {} bits: {}", prefix, e, slot);
-    if (e != node.key().len()) {
+    const U32 slot = childSlot(prefix, evenLen);
+    TRIE_TRACE(7, "prefixIs4 prefix {} evenCommonLen: {} bits: {}", prefix, evenLen, slot);
+    if (evenLen != node.key().len()) {
       TRIE_TRACE(7, "prefixIs4 Split node");
-      addSplitNodeToCollection(trie, prefix, e, slot, parent, node);
+      addSplitNodeToCollection(trie, prefix, evenLen, slot, parent, node);
       return;
     }
     if (isLeaf(node)) {
@@ -247,7 +244,7 @@ void prefixIs4(Trie* trie, const Addrkit::Prefix& prefix) {
     TRIE_TRACE(7, "prefixIs4 Branch Node. Need to keep traversing... going to {}", child);
     parent = node;
     node = trie->trieNode(child);
-    TRIE_ASSERT(--trieDepth > 0, depthText, prefixIs4Signature);
+    TRIE_ASSERT(++descents <= maxDescents, depthText, prefixIs4Signature);
   }
 }
 
@@ -268,18 +265,7 @@ void hoistChild(Trie* trie, TrieNode& grandparent, TrieNode& parent, const Addrk
 }
 
 bool prefixDel4(Trie* trie, const Addrkit::Prefix& prefix) {
-  if (prefix == prefix032 || prefix == nullPrefix) {
-    TRIE_TRACE(9, "prefixDel4 Trie cannot delete invalid prefix: {}", prefix);
-    return false;
-  }
-  if (prefix == prefix00) {
-    TRIE_TRACE(7, "prefixDel4 Deleting 0/0... check for 0/32 in collection");
-    TrieNode stored = trie->trieNode(prefix032);
-    if (TrieNode::isEq(&stored, &absentNode())) return false;
-    TRIE_TRACE(7, "prefixDel4 0/32 found in collection! Delete");
-    trie->trieNodeDel(prefix032);
-    return true;
-  }
+  if (std::optional<bool> done = deletedAsReserved<Family4>(trie, prefix, "prefixDel4")) return *done;
   TRIE_TRACE(8, "prefixDel4 Deleting prefix: {}", prefix);
   prefetchNode(trie, prefix);
 
@@ -294,7 +280,7 @@ bool prefixDel4(Trie* trie, const Addrkit::Prefix& prefix) {
   TrieNode node = trie->trieNode(root.root());
   TrieNode parent = root;
   TrieNode grandparent = root;
-  U32 trieDepth = maxDescents + 1;
+  U32 descents = 0;
   for (;;) {
     TRIE_TRACE(7, "prefixDel4 Grandparent node: {} parent node: {}", grandparent.key(), parent.key());
     TRIE_TRACE(7, "prefixDel4 Current node: {} black: {} child00: {} child01: {} child10: {} child11: {}",
@@ -311,7 +297,7 @@ bool prefixDel4(Trie* trie, const Addrkit::Prefix& prefix) {
     grandparent = parent;
     parent = node;
     node = trie->trieNode(child);
-    TRIE_ASSERT(--trieDepth > 0, depthText, prefixDel4Signature);
+    TRIE_ASSERT(++descents <= maxDescents, depthText, prefixDel4Signature);
   }
 
   TRIE_TRACE(7, "prefixDel4 Exact match found!");
@@ -356,8 +342,8 @@ bool prefixDel4(Trie* trie, const Addrkit::Prefix& prefix) {
 TrieNode lpm4Node(const Trie* trie, const Addrkit::Prefix& prefix) {
   TRIE_TRACE(8, "lpm4Node lpm for prefix: {}", prefix);
   TrieNode node = trie->trieNode(trie->trieNode(rootPrefix).root());
-  TrieNode lastMatch = absentNode();
-  U32 trieDepth = maxDescents + 1;
+  TrieNode lastMatch = Family4::absent();
+  U32 descents = 0;
   for (;;) {
     TRIE_TRACE(7, "lpm4Node Current node: {} black: 0x{:x} child00: {} child01: {} child10: {} child11: {}",
                node.key(), node.black(), node.child00(), node.child01(), node.child10(), node.child11());
@@ -365,8 +351,7 @@ TrieNode lpm4Node(const Trie* trie, const Addrkit::Prefix& prefix) {
     const U32 c = commonPrefixLen(node.key(), prefix, std::min(prefix.len(), len));
     if (c == prefix.len()) return node;
     if (len != evenCommonLen(c)) {
-      const U32 upToC = blackUpTo(node.black(), c);
-      const U32 previousBlack = upToC == 0 ? 0 : longestBlack(upToC);
+      const U32 previousBlack = Family4::previousBlack(node, c);
       TRIE_TRACE(7, "lpm4Node CommonLen: {} < node.key.len: {} previousBlack: {}", c, len, previousBlack);
       return previousBlack != 0 ? node : lastMatch;
     }
@@ -385,162 +370,37 @@ TrieNode lpm4Node(const Trie* trie, const Addrkit::Prefix& prefix) {
     const Addrkit::Prefix child = node.child(bits);
     if (child == nullPrefix) return lastMatch;
     node = trie->trieNode(child);
-    TRIE_ASSERT(--trieDepth > 0, depthText, lpm4NodeSignature);
+    TRIE_ASSERT(++descents <= maxDescents, depthText, lpm4NodeSignature);
   }
 }
 
 Addrkit::IpGenPrefix lpm4(const Trie* trie, const Addrkit::Prefix& prefix) {
   TRIE_TRACE(8, "lpm4 lpm for prefix: {}", prefix);
-  if (prefix == prefix032 || prefix == nullPrefix) {
-    TRIE_TRACE(9, "lpm4 Trie cannot find prefix: {}", prefix);
-    return {};
-  }
-  if (prefix == prefix00) return checkForPrefix00(trie);
-  if (trie->trieNode(rootPrefix).root() == nullPrefix) {
-    TRIE_TRACE(7, "lpm4 No root installed... checking for 0/0");
-    return checkForPrefix00(trie);
-  }
-  const TrieNode node = lpm4Node(trie, prefix);
-  if (TrieNode::isEq(&node, &absentNode())) return checkForPrefix00(trie);
-
-  const U32 len = node.key().len();
-  const U32 c = commonPrefixLen(node.key(), prefix, std::min(len, prefix.len()));
-  if (c == prefix.len() && hasBlack(node, prefix.len())) {
-    TRIE_TRACE(7, "lpm4 Prefix is lpm.");
-    return prefix;
-  }
-  if (c != prefix.len() && c == len && hasBlack(node, c)) {
-    TRIE_TRACE(7, "lpm4 Node is lpm.");
-    return prefixAlong(node.key(), c);
-  }
-  TRIE_TRACE(7, "lpm4 PrevBlack is lpm.");
-  if (c == 0) return {};
-  const U32 upToC = blackUpTo(node.black(), c);
-  if (upToC == 0) return {};
-  return prefixAlong(node.key(), longestBlack(upToC));
+  if (std::optional<Addrkit::IpGenPrefix> answer = lookedUpAsReserved<Family4>(trie, prefix)) return *answer;
+  return lpmAnswer<Family4>(trie, prefix);
 }
 
 // ---- Successor ----
 
 Addrkit::IpGenPrefix getNext4(const Trie* trie, const Addrkit::Prefix& prefix) {
-  TRIE_TRACE(8, "getNext4({})", prefix);
-  TRIE_ASSERT(prefix != prefix032, "prefix != prefix032 && \"Invalid Lookup 0/32\"", getNext4Signature);
-  Addrkit::Prefix from = prefix;
-  if (prefix == nullPrefix) {
-    Addrkit::IpGenPrefix defaultRoute = checkForPrefix00(trie);
-    if (defaultRoute != Addrkit::IpGenPrefix()) {
-      TRIE_TRACE(9, "getNext4 Default route installed, returning {}, passed in prefix {}", defaultRoute, prefix);
-      return defaultRoute;
-    }
-    from = prefix00;
-    TRIE_TRACE(9, "getNext4 No default route installed, looking up {}, passed in prefix {}", from, prefix);
-  }
-  const TrieNode root = trie->trieNode(rootPrefix);
-  if (root.root() != nullPrefix) return doGetNext4(trie, root.root(), from, 0);
-  TRIE_TRACE(9, "getNext4 Empty trie");
-  return {};
+  return successor<Family4>(trie, prefix);
 }
 
-// Pre-order search for the first stored prefix after `prefix`: the node's own
-// lengths shortest first, then its children in slot order. A subtree whose
-// key sorts before `prefix` without covering it holds nothing after it.
 Addrkit::IpGenPrefix doGetNext4(const Trie* trie, const Addrkit::Prefix& nodeKey, const Addrkit::Prefix& prefix,
                                 U32 recursionDepth) {
-  const TrieNode node = trie->trieNode(nodeKey);
-  if (node.key() == nullPrefix) return {};
-  TRIE_TRACE(8, "doGetNext4, Node: {}, Prefix: {}, Recursion Depth: {}", node.key(), prefix, recursionDepth);
-  TRIE_ASSERT(recursionDepth <= trie->ipv4TrieMaxDepth(),
-              "recursionDepth++ <= trie->ipv4TrieMaxDepth() && \"recursion depth exceeded\"", doGetNext4Signature);
-  trie->nodesVisitedCountInc(1);
-
-  if (node.black() != 0) {
-    U32 len = shortestBlack(node.black());
-    for (;;) {
-      const Addrkit::Prefix candidate = prefixAlong(node.key(), len);
-      TRIE_TRACE(9, "doGetNext4, Node: {}, Prefix: {}, BlackPrefix: {}, Black Bit: {}, blackBits: {:x}", node.key(),
-                 prefix, candidate, len, node.black());
-      if (prefixLexicallyGreater4(candidate, prefix)) return candidate;
-      TRIE_TRACE(9, "nextBlack({}), black bits: {:x}", len, node.black());
-      if (len == 32) break;
-      const U32 longer = node.black() & (0xFFFFFFFFu >> len);
-      if (longer == 0) break;
-      len = shortestBlack(longer);
-    }
-  }
-
-  const U32 c = commonPrefixLen(node.key(), prefix, std::min(prefix.len(), node.key().len()));
-  if (c < node.key().len() && prefixLexicallyGreater4(prefix, node.key())) {
-    TRIE_TRACE(9, "doGetNext4, Node: {}, Prefix: {} CommonLen: {}, skipping sub-tree", node.key(), prefix, c);
-    return {};
-  }
-  for (U32 slot = 0; slot < 4; ++slot) {
-    Addrkit::IpGenPrefix next = doGetNext4(trie, node.child(slot), prefix, recursionDepth + 1);
-    if (next != Addrkit::IpGenPrefix()) return next;
-  }
-  return {};
+  return successorBelow<Family4>(trie, nodeKey, prefix, recursionDepth);
 }
 
 // ---- Pre-order walk ----
 
-namespace {
-
-// Nodes on the longest path of a healthy trie: lengths 0, 2, ..., 32.
-constexpr U32 walkLevels = maxDescents + 1;
-
-bool walkNode4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& key, bool allLengths, U32 level) {
-  if (level >= walkLevels)
-    throw Basis::Exception(fmt::format("trie {}: IPv4 walk deeper than {} levels at {}; the trie is damaged",
-                                       trie->name(), walkLevels, key));
-  TrieNode node = trie->trieNode(key);
-  // A subtree root that is no node key starts at the node that holds it.
-  if (TrieNode::isEq(&node, &absentNode())) node = lpm4Node(trie, key);
-  TRIE_TRACE(6, "doPreOrderWalk Node: {}", node.key());
-  if (TrieNode::isEq(&node, &absentNode())) return true;
-
-  const U32 start = allLengths ? 1 : key.len();
-  TRIE_TRACE(6, "visitNode Node: {} black: {} child00: {} child01: {} child10: {} child11: {}", node.key(),
-             node.black(), node.child00(), node.child01(), node.child10(), node.child11());
-  visitor.nodeBegin();
-  bool goOn = true;
-  bool skipped = false;
-  if (node.black() != 0 && start <= 32) {
-    for (U32 len = start; len <= 32 && goOn && !skipped; ++len) {
-      if (!hasBlack(node, len)) continue;
-      const WalkAction action = visitor.visit(prefixAlong(node.key(), len));
-      goOn = action != abortWalk;
-      skipped = action == skipSubtree;
-    }
-  }
-  for (U32 slot = 0; slot < 4 && goOn && !skipped; ++slot) {
-    const Addrkit::Prefix child = node.child(slot);
-    if (child != nullPrefix) goOn = walkNode4(trie, visitor, child, true, level + 1);
-  }
-  visitor.nodeEnd();
-  return goOn;
-}
-
-}  // namespace
-
 bool doPreOrderWalk(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Prefix& key,
                     bool allLengths) {
   CallbackVisitor visitor(callback);
-  return walkNode4(trie, visitor, key, allLengths, 0);
+  return walkBelow<Family4>(trie, visitor, key, allLengths, 0);
 }
 
 void walkFamily4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& subtreeRoot) {
-  const TrieNode defaultRoute = trie->trieNode(prefix032);
-  if (!TrieNode::isEq(&defaultRoute, &absentNode())) {
-    TRIE_TRACE(6, "preOrderWalk 0/32 inside the collection - 0/0 was inserted");
-    if (visitor.visit(prefix00) == abortWalk) return;
-  }
-  if (subtreeRoot != rootPrefix) {
-    walkNode4(trie, visitor, subtreeRoot, false, 0);
-    return;
-  }
-  TRIE_TRACE(8, "preOrderWalk Walk from Root");
-  const TrieNode root = trie->trieNode(rootPrefix);
-  if (root.root() == nullPrefix) return;
-  walkNode4(trie, visitor, root.root(), true, 0);
+  walkFamily<Family4>(trie, visitor, subtreeRoot);
 }
 
 void preOrderWalk4(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Prefix& subtreeRoot) {

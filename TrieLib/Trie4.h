@@ -1,5 +1,6 @@
 #pragma once
 // IPv4 trie algorithms (stride 2) over TrieNode records.
+#include "TrieLib/BlackBits.h"
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
@@ -8,13 +9,11 @@ namespace Routing::Lattice {
 // Length 0 wraps onto the bit of length 32.
 inline U32 blackMask(U32 len) { return 0x80000000u >> ((len - 1u) & 31u); }
 inline bool hasBlack(const TrieNode& n, U32 len) { return (n.black() & blackMask(len)) != 0; }
-// The black bits of lengths 1..c (none for c = 0).
-inline U32 blackUpTo(U32 black, U32 c) { return c == 0 ? 0u : black & (0xFFFFFFFFu << (32 - c)); }
 // c rounded down to an even number: the deepest branching point.
 inline U32 evenCommonLen(U32 c) { return c & ~1u; }
-// The two address bits after even length e (e < 32): 0..3 for child00..child11.
-inline U32 childSlot(const Addrkit::Prefix& p, U32 e) {
-  return (p.addrHost() & (0xC0000000u >> e)) >> (30 - e);
+// The two address bits after even length evenLen (< 32): 0..3 for child00..child11.
+inline U32 childSlot(const Addrkit::Prefix& p, U32 evenLen) {
+  return (p.addrHost() & (0xC0000000u >> evenLen)) >> (30 - evenLen);
 }
 
 void setBlack(TrieNode& node, unsigned int bitpos, bool value);

@@ -1,10 +1,39 @@
 // IPv6 trie algorithms: a binary, path-compressed trie over TrieNode6
-// records. Every change is made on a copy of a record and written back whole,
-// parent before child, so that a reader never meets a key whose record has not
-// been written yet; a replaced record is removed only after its replacement.
+// records, one record per node in the trieNode6 table, keyed by the node key.
+//
+//                 root record ffff:...:ffff/128   (leftChild: the top node)
+//                              |
+//                      2001:db8::/32 {32}
+//                     0 /           \ 1
+//        2001:db8::/48 {33, 48}   2001:db8:8000::/33 {}
+//                                   0 /          \ 1
+//                      2001:db8:8000::/40 {40}  2001:db8:c000::/34 {34}
+//
+//   {..}: lengths marked black.
+//
+// Node:  black0..black3 mark the stored prefixes along the node key: the bit
+//        of length l (word (l-1)/32) set means the key cut to l bits is
+//        stored. The marked lengths lie on the node's own edge, after its
+//        parent's length and up to its own. Any length can be a node key; a
+//        prefix is stored on the node keyed by itself or on an edge through it.
+// Slots: a node has two children (leftChild for a 0 bit after its length,
+//        rightChild for 1) or none. An empty slot holds nullPrefix6, the root
+//        record's key; a descent that follows one reads the root record and
+//        stops there.
+// Reserved: ::/0 is kept as bit 128 of its own record at ::/128, outside the
+//        tree; ::/128 and ffff:...:ffff/128 are refused.
+// White: records without black bits are the root record, branching nodes
+//        made by a split, and nodes whose prefixes went while they kept
+//        children; a node left white and childless is removed, and its
+//        sibling takes the parent's place.
+// Depth: key lengths 0..128 make at most 129 nodes on a path (128 descents
+//        below the top node); a descent beyond that asserts, a walk raises.
+//
+// Every change is made on a copy of a record and written back whole, parent
+// before child, and a replaced record is removed only after its replacement
+// is written: between two writes of one update a child key can name a record
+// not written yet, which reads as the absent record and ends a descent.
 #include "TrieLib/Trie6.h"
-
-#include <fmt/format.h>
 
 #include <algorithm>
 #include <bit>
@@ -12,8 +41,7 @@
 #include <string>
 
 #include "Ringlog/Ringlog.h"
-#include "TrieLib/TrieTrace.h"
-#include "TrieLib/TrieWalk.h"
+#include "TrieLib/TrieFamilyOps.h"
 
 namespace Routing::Lattice {
 namespace {
@@ -25,32 +53,14 @@ constexpr const char* prefixDel6Signature =
 constexpr const char* lpm6NodeSignature =
     "Routing::Lattice::TrieNode6 Routing::Lattice::lpm6Node(const Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&)";
 constexpr const char* nextBlack6Signature = "U32 Routing::Lattice::nextBlack6(Routing::Lattice::TrieNode6&, U32)";
-constexpr const char* getNext6Signature =
-    "Addrkit::IpGenPrefix Routing::Lattice::getNext6(const Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&)";
-constexpr const char* doGetNext6Signature =
-    "Addrkit::IpGenPrefix Routing::Lattice::doGetNext6(const Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&, "
-    "const Addrkit::Ip6Prefix&, U32)";
 constexpr const char* depthText = "trieDepth++ <= 128";
-
-// Descents below the top node that a consistent trie can need: one per bit.
-constexpr U32 maxDescents = 128;
+constexpr U32 maxDescents = Family6::maxDescents;
 
 // Word and mask of length len; length 0 wraps onto the bit of length 128.
 U32 blackWord6(U32 len) { return std::min((len - 1u) / 32u, 3u); }
 U32 blackMask6(U32 len) { return 0x80000000u >> ((len - 1u) % 32u); }
 
 bool isLeaf6(const TrieNode6& n) { return n.leftChild() == nullPrefix6 && n.rightChild() == nullPrefix6; }
-
-// What a read of an absent key returns; no stored record equals it.
-const TrieNode6& absentNode6() {
-  static const TrieNode6 absent(prefix006);
-  return absent;
-}
-
-// The prefix of length len along a node key.
-Addrkit::Ip6Prefix prefixAlong6(const Addrkit::Ip6Prefix& key, U32 len) {
-  return Addrkit::Ip6Prefix::masked(key.address(), len);
-}
 
 U32 keyBit(const Addrkit::Ip6Prefix& p, U32 n) { return p.address().bit(n); }
 
@@ -71,7 +81,7 @@ void setBlack6(TrieNode6& node, U32 bitpos, bool value) {
 
 U32 firstBlack6(const TrieNode6& node) {
   for (U32 w = 0; w < 4; ++w) {
-    if (node.black(w) != 0) return 32 * w + std::countl_zero(node.black(w)) + 1;
+    if (node.black(w) != 0) return 32 * w + shortestBlack(node.black(w));
   }
   return 0;
 }
@@ -85,8 +95,8 @@ U32 nextBlack6(TrieNode6& node, U32 bitPos) {
   for (U32 w = bitPos / 32; w < 4; ++w, offset = 0) {
     TRIE_TRACE(9, "nextBlack({}), black bits: {:x}", offset, node.black(w));
     // Keep the bits of the lengths after bitPos.
-    const U32 bits = node.black(w) & (0xFFFFFFFFu >> offset);
-    if (bits != 0) return 32 * w + std::countl_zero(bits) + 1;
+    const U32 bits = node.black(w) & ~lengthsUpTo(offset);
+    if (bits != 0) return 32 * w + shortestBlack(bits);
   }
   return 0;
 }
@@ -95,13 +105,10 @@ U32 prevBlack6(TrieNode6& node, U32 bitPos) {
   // Length 0 has no previous length; no length lies above 128.
   if (bitPos == 0) return 0;
   bitPos = std::min(bitPos, 128u);
-  const U32 offset = bitPos % 32;
-  // Of the first word only the bits of lengths up to bitPos count.
-  U32 keep = 0u - (1u << ((32 - offset) % 32));
-  for (U32 w = (bitPos - 1) / 32 + 1; w-- > 0; keep = 0xFFFFFFFFu) {
-    const U32 bits = node.black(w) & keep;
+  for (U32 w = (bitPos - 1) / 32 + 1; w-- > 0;) {
+    const U32 bits = node.black(w) & lengthsUpTo(w, bitPos);
     TRIE_TRACE(7, "prevBlack6({}), word {}: {:x}", bitPos, w, bits);
-    if (bits != 0) return 32 * w + (31 - std::countr_zero(bits)) + 1;
+    if (bits != 0) return 32 * w + longestBlack(bits);
   }
   return 0;
 }
@@ -172,7 +179,7 @@ void addSplitNodeToCollection6(Trie* trie, const Addrkit::Ip6Prefix& prefix, U32
   RINGLOG_BLOCK(trieSourcePath,
                 "void Routing::Lattice::addSplitNodeToCollection6(Routing::Lattice::Trie*, const Addrkit::Ip6Prefix&, "
                 "U32, bool, Routing::Lattice::TrieNode6&, Routing::Lattice::TrieNode6&)");
-  const Addrkit::Ip6Prefix splitPrefix = prefixAlong6(prefix, commonLen);
+  const Addrkit::Ip6Prefix splitPrefix = Family6::prefixAlong(prefix, commonLen);
   const U32 pLen = commonPrefixLen6(parent.key(), splitPrefix, std::min(splitPrefix.len(), parent.key().len()));
   updateNode6(trie, parent, splitPrefix, parent.key() != rootPrefix6 && keyBit(splitPrefix, pLen));
 
@@ -181,17 +188,10 @@ void addSplitNodeToCollection6(Trie* trie, const Addrkit::Ip6Prefix& prefix, U32
   addNewNodeToCollection6(trie, prefix);
   updateNode6(trie, split, node.key(), keyBit(node.key(), commonLen));
 
-  const U32 splitWord = commonLen / 32;
-  const U32 splitBits = commonLen % 32;
   for (U32 w = 0; w < 4; ++w) {
-    if (w < splitWord) {
-      split.blackIs(w, node.black(w));
-      node.blackIs(w, 0);
-    } else if (w == splitWord) {
-      const U32 upTo = splitBits == 0 ? 0u : 0xFFFFFFFFu << (32 - splitBits);
-      split.blackIs(w, node.black(w) & upTo);
-      node.blackIs(w, node.black(w) & ~upTo);
-    }
+    const U32 upTo = lengthsUpTo(w, commonLen);
+    split.blackIs(w, node.black(w) & upTo);
+    node.blackIs(w, node.black(w) & ~upTo);
   }
   TRIE_TRACE(4,
              "addSplitNodeToCollection6 Inserting split node. Prefix: {} new black0: {} new black1: {} new black2: "
@@ -206,17 +206,7 @@ void addSplitNodeToCollection6(Trie* trie, const Addrkit::Ip6Prefix& prefix, U32
 }
 
 void prefixIs6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
-  if (prefix == prefix0128 || prefix == nullPrefix6) {
-    TRIE_TRACE(9, "prefixIs6 Trie cannot allow prefix: {}", prefix);
-    return;
-  }
-  if (prefix == prefix006) {
-    TRIE_TRACE(7, "prefixIs6 Inserting 0/0... put into collection as 0/128");
-    TrieNode6 defaultRoute(prefix0128);
-    setBlack6(defaultRoute, 128, true);
-    trie->trieNode6Is(defaultRoute);
-    return;
-  }
+  if (insertedAsReserved<Family6>(trie, prefix, "prefixIs6")) return;
   TRIE_TRACE(8, "prefixIs6 Inserting prefix: {}", prefix);
   // The descent usually ends at the node of the prefix itself: its lookup in
   // the table starts now and overlaps the descent.
@@ -231,7 +221,8 @@ void prefixIs6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
   }
 
   TrieNode6 node = trie->trieNode6(parent.leftChild());
-  for (U32 trieDepth = 1;; ++trieDepth) {
+  U32 descents = 0;
+  for (;;) {
     TRIE_TRACE(7, "prefixIs6 Current node: {} black0: {:x} black1: {:x} black2: {:x} black3: {:x} left: {} right: {}",
                node.key(), node.black0(), node.black1(), node.black2(), node.black3(), node.leftChild(),
                node.rightChild());
@@ -255,7 +246,7 @@ void prefixIs6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
     }
     const Addrkit::Ip6Prefix child = bit ? node.rightChild() : node.leftChild();
     TRIE_TRACE(7, "prefixIs6 Branch node, need to keep traversing going to {}", child);
-    TRIE_ASSERT(trieDepth <= maxDescents, depthText, prefixIs6Signature);
+    TRIE_ASSERT(++descents <= maxDescents, depthText, prefixIs6Signature);
     parent = node;
     node = trie->trieNode6(child);
   }
@@ -266,8 +257,9 @@ void prefixIs6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
 TrieNode6 lpm6Node(const Trie* trie, const Addrkit::Ip6Prefix& prefix) {
   TRIE_TRACE(8, "lpm6Node lpm for prefix: {}", prefix);
   TrieNode6 node = trie->trieNode6(trie->trieNode6(rootPrefix6).leftChild());
-  TrieNode6 lastMatch = absentNode6();
-  for (U32 trieDepth = 1;; ++trieDepth) {
+  TrieNode6 lastMatch = Family6::absent();
+  U32 descents = 0;
+  for (;;) {
     TRIE_TRACE(7,
                "lpm6Node Current node: {} black0: 0x{:x} black1: 0x{:x} black2: 0x{:x} black3: 0x{:x} left: {} "
                "right: {}",
@@ -296,41 +288,15 @@ TrieNode6 lpm6Node(const Trie* trie, const Addrkit::Ip6Prefix& prefix) {
     TRIE_TRACE(7, "lpm6Node lastMatch: {}", lastMatch.key());
     const Addrkit::Ip6Prefix child = bit ? node.rightChild() : node.leftChild();
     if (child == nullPrefix6) return lastMatch;
-    TRIE_ASSERT(trieDepth <= maxDescents, depthText, lpm6NodeSignature);
+    TRIE_ASSERT(++descents <= maxDescents, depthText, lpm6NodeSignature);
     node = trie->trieNode6(child);
   }
 }
 
 Addrkit::IpGenPrefix lpm6(const Trie* trie, const Addrkit::Ip6Prefix& prefix) {
-  if (prefix == prefix0128 || prefix == nullPrefix6) {
-    TRIE_TRACE(9, "lpm6 Trie cannot find prefix: {}", prefix);
-    return {};
-  }
-  if (prefix == prefix006) return checkForPrefix006(trie);
+  if (std::optional<Addrkit::IpGenPrefix> answer = lookedUpAsReserved<Family6>(trie, prefix)) return *answer;
   TRIE_TRACE(8, "lpm6 lpm for prefix: {}", prefix);
-
-  if (trie->trieNode6(rootPrefix6).leftChild() == nullPrefix6) {
-    TRIE_TRACE(7, "lpm6 No root installed... checking for ::/0");
-    return checkForPrefix006(trie);
-  }
-  TrieNode6 node = lpm6Node(trie, prefix);
-  if (node == absentNode6()) return checkForPrefix006(trie);
-
-  const U32 commonLen = commonPrefixLen6(node.key(), prefix, std::min(prefix.len(), node.key().len()));
-  if (commonLen == prefix.len() && hasBlack6(node, prefix.len())) {
-    TRIE_TRACE(7, "lpm6 Prefix is lpm.");
-    return prefix;
-  }
-  if (commonLen == node.key().len() && hasBlack6(node, commonLen)) {
-    TRIE_TRACE(7, "lpm6 Node is lpm.");
-    return prefixAlong6(node.key(), commonLen);
-  }
-  TRIE_TRACE(7, "lpm6 PrevBlack is lpm.");
-  if (commonLen == 0) return {};
-  const U32 m = prevBlack6(node, commonLen);
-  TRIE_TRACE(7, "prevBlack6 previousBlack: {}", m);
-  if (m == 0) return {};
-  return prefixAlong6(node.key(), m);
+  return lpmAnswer<Family6>(trie, prefix);
 }
 
 // ---- Deletion ----
@@ -354,17 +320,7 @@ void hoistChild6(Trie* trie, TrieNode6& grandparent, TrieNode6& parent, const Ad
 }
 
 bool prefixDel6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
-  if (prefix == prefix0128 || prefix == nullPrefix6) {
-    TRIE_TRACE(9, "prefixDel6 Trie cannot delete invalid prefix: {}", prefix);
-    return false;
-  }
-  if (prefix == prefix006) {
-    TRIE_TRACE(7, "prefixDel6 Deleting ::/0.. check for ::/128 in collection");
-    if (trie->trieNode6(prefix0128) == absentNode6()) return false;
-    TRIE_TRACE(7, "prefixDel6 ::/128 found in collection! Delete");
-    trie->trieNode6Del(prefix0128);
-    return true;
-  }
+  if (std::optional<bool> done = deletedAsReserved<Family6>(trie, prefix, "prefixDel6")) return *done;
   TRIE_TRACE(8, "prefixDel6 Deleting prefix: {}", prefix);
   trie->trieNode6Map().table().prefetch(reinterpret_cast<const U8*>(&prefix));
 
@@ -375,7 +331,8 @@ bool prefixDel6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
   }
   std::optional<TrieNode6> grandparent;
   TrieNode6 node = trie->trieNode6(parent.leftChild());
-  for (U32 trieDepth = 1;; ++trieDepth) {
+  U32 descents = 0;
+  for (;;) {
     TRIE_TRACE(7, "prefixDel6 Grandparent node: {} parent node: {}",
                grandparent ? grandparent->key().stringValue() : std::string("none"), parent.key());
     TRIE_TRACE(7, "prefixDel6 Current node: {} black0: {:x} black1: {:x} black2: {:x} black3: {:x} left: {} right: {}",
@@ -394,7 +351,7 @@ bool prefixDel6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
       return false;
     }
     TRIE_TRACE(7, "prefixDel6 CommonLen == node.key.len: {} bit: {} traversing... going to {}", commonLen, bit, child);
-    TRIE_ASSERT(trieDepth <= maxDescents, depthText, prefixDel6Signature);
+    TRIE_ASSERT(++descents <= maxDescents, depthText, prefixDel6Signature);
     grandparent = parent;
     parent = node;
     node = trie->trieNode6(child);
@@ -424,111 +381,24 @@ bool prefixDel6(Trie* trie, const Addrkit::Ip6Prefix& prefix) {
 // ---- Successor ----
 
 Addrkit::IpGenPrefix getNext6(const Trie* trie, const Addrkit::Ip6Prefix& prefix) {
-  TRIE_TRACE(8, "getNext6({})", prefix);
-  TRIE_ASSERT(!(prefix == prefix0128), "prefix != prefix0128 && \"Invalid Lookup 0/128\"", getNext6Signature);
-  Addrkit::Ip6Prefix query = prefix;
-  if (prefix == nullPrefix6) {
-    const Addrkit::IpGenPrefix defaultRoute = checkForPrefix006(trie);
-    if (!defaultRoute.isEmpty()) {
-      TRIE_TRACE(9, "getNext6 Default route installed, returning {}, passed in prefix {}", defaultRoute, prefix);
-      return defaultRoute;
-    }
-    query = prefix006;
-    TRIE_TRACE(9, "getNext6 No default route installed, looking up {}, passed in prefix {}", query, prefix);
-  }
-  const TrieNode6 root = trie->trieNode6(rootPrefix6);
-  if (root.leftChild() == nullPrefix6) {
-    TRIE_TRACE(9, "getNext6 Empty trie");
-    return {};
-  }
-  return doGetNext6(trie, root.leftChild(), query, 0);
+  return successor<Family6>(trie, prefix);
 }
 
 Addrkit::IpGenPrefix doGetNext6(const Trie* trie, const Addrkit::Ip6Prefix& nodeKey, const Addrkit::Ip6Prefix& prefix,
                                 U32 recursionDepth) {
-  // An absent child's key reads the root record.
-  TrieNode6 node = trie->trieNode6(nodeKey);
-  if (node.key() == nullPrefix6) return {};
-  TRIE_TRACE(8, "doGetNext6, Node: {}, Prefix: {}", node.key(), prefix);
-  TRIE_ASSERT(recursionDepth <= trie->ipv6TrieMaxDepth(),
-              "recursionDepth++ <= trie->ipv6TrieMaxDepth() && \"recursion depth exceeded\"", doGetNext6Signature);
-  trie->nodesVisitedCountInc(1);
-
-  // A node's marks are prefixes of every key below it, so they come first.
-  for (U32 len = firstBlack6(node); len != 0; len = nextBlack6(node, len)) {
-    const Addrkit::Ip6Prefix blackPrefix = prefixAlong6(node.key(), len);
-    TRIE_TRACE(9, "doGetNext6, Node: {}, Prefix: {}, BlackPrefix: {}, Black Bit: {}", node.key(), prefix, blackPrefix,
-               len);
-    if (prefixLexicallyGreater6(blackPrefix, prefix)) return blackPrefix;
-  }
-  const U32 commonLen = commonPrefixLen6(node.key(), prefix, std::min(prefix.len(), node.key().len()));
-  if (node.key().len() > commonLen && prefixLexicallyGreater6(prefix, node.key())) {
-    TRIE_TRACE(9, "doGetNext6, Node: {}, Prefix: {} CommonLen: {}, skipping sub-tree", node.key(), prefix, commonLen);
-    return {};
-  }
-  Addrkit::IpGenPrefix next = doGetNext6(trie, node.leftChild(), prefix, recursionDepth + 1);
-  if (!next.isEmpty()) return next;
-  return doGetNext6(trie, node.rightChild(), prefix, recursionDepth + 1);
+  return successorBelow<Family6>(trie, nodeKey, prefix, recursionDepth);
 }
 
 // ---- Pre-order walk ----
 
-namespace {
-
-// Nodes on the longest path of a healthy trie: lengths 0 to 128.
-constexpr U32 walkLevels = maxDescents + 1;
-
-bool walkNode6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefix& key, bool allLengths, U32 level) {
-  if (level >= walkLevels)
-    throw Basis::Exception(fmt::format("trie {}: IPv6 walk deeper than {} levels at {}; the trie is damaged",
-                                       trie->name(), walkLevels, key));
-  TrieNode6 node = trie->trieNode6(key);
-  if (node == absentNode6()) node = lpm6Node(trie, key);
-  TRIE_TRACE(6, "doPreOrderWalk6 Node: {}", node.key());
-  if (node == absentNode6()) return true;
-
-  const U32 start = allLengths ? 1 : key.len();
-  TRIE_TRACE(6, "visitNode6 Node: {} black0: {} black1: {} black2: {} black3: {} left child: {} right child: {}",
-             node.key(), node.black0(), node.black1(), node.black2(), node.black3(), node.leftChild(),
-             node.rightChild());
-  visitor.nodeBegin();
-  bool goOn = true;
-  bool skipped = false;
-  if (anyBlack6(node)) {
-    for (U32 len = start; len <= 128 && goOn && !skipped; ++len) {
-      if (!hasBlack6(node, len)) continue;
-      const WalkAction action = visitor.visit(prefixAlong6(node.key(), len));
-      goOn = action != abortWalk;
-      skipped = action == skipSubtree;
-    }
-  }
-  for (const Addrkit::Ip6Prefix& child : {node.leftChild(), node.rightChild()}) {
-    if (goOn && !skipped && child != nullPrefix6) goOn = walkNode6(trie, visitor, child, true, level + 1);
-  }
-  visitor.nodeEnd();
-  return goOn;
-}
-
-}  // namespace
-
 bool doPreOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Ip6Prefix& key,
                      bool allLengths) {
   CallbackVisitor visitor(callback);
-  return walkNode6(trie, visitor, key, allLengths, 0);
+  return walkBelow<Family6>(trie, visitor, key, allLengths, 0);
 }
 
 void walkFamily6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefix& subtreeRoot) {
-  if (!(trie->trieNode6(prefix0128) == absentNode6())) {
-    TRIE_TRACE(6, "preOrderWalk 0/128 inside collection - 0/0 was inserted");
-    if (visitor.visit(prefix006) == abortWalk) return;
-  }
-  if (subtreeRoot != rootPrefix6) {
-    walkNode6(trie, visitor, subtreeRoot, false, 0);
-    return;
-  }
-  const TrieNode6 root = trie->trieNode6(rootPrefix6);
-  if (root.leftChild() == nullPrefix6) return;
-  walkNode6(trie, visitor, root.leftChild(), true, 0);
+  walkFamily<Family6>(trie, visitor, subtreeRoot);
 }
 
 void preOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback,

@@ -10,14 +10,10 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "TrieLib/TrieFamily.h"
+
 namespace Routing::Lattice {
 namespace {
-
-// Bits of the lengths 1..n (n <= 32) in a black word; length 1 is the top bit.
-U32 lengthsUpTo(U32 n) { return n == 0 ? 0u : 0xFFFFFFFFu << (32 - n); }
-
-// The same for word w of the 128-bit IPv6 black set.
-U32 lengthsUpTo6(U32 w, U32 n) { return n <= 32 * w ? 0u : lengthsUpTo(std::min(n - 32 * w, 32u)); }
 
 // "5, 7" for the lengths whose bits are set in word w of a black set.
 std::string lengthList(U32 bits, U32 w) {
@@ -28,36 +24,13 @@ std::string lengthList(U32 bits, U32 w) {
   return out;
 }
 
-// Leading address bits two IPv6 addresses share (128 when equal).
-U32 commonBits6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b) {
-  for (U32 k = 0; k < 4; ++k) {
-    if (U32 x = a.word(k) ^ b.word(k)) return 32 * k + U32(std::countl_zero(x));
-  }
-  return 128;
-}
-
-U32 commonBits4(const Addrkit::Prefix& a, const Addrkit::Prefix& b) {
-  U32 x = a.addrHost() ^ b.addrHost();
-  return x == 0 ? 32 : U32(std::countl_zero(x));
-}
-
 const char* slotName(U32 slot) {
   static const char* const names[] = {"child00", "child01", "child10", "child11"};
   return names[slot];
 }
 
-struct Family4 {
-  using Key = Addrkit::Prefix;
-  using Record = TrieNode;
-  static constexpr std::string_view name = "IPv4";
-  static constexpr U32 maxDepth = Trie::ipv4TrieMaxDepth();
-
-  static const Trie::TrieNodeMap& map(const Trie& t) { return t.trieNodeMap(); }
-  static const Key& rootKey() { return rootPrefix; }
-  static const Key& nullKey() { return nullPrefix; }
-  static const Key& defaultRouteKey() { return prefix032; }
-  static bool validKey(const Key& k) { return k.validAsPrefix(); }
-  static U64 blackCount(const Record& r) { return U64(std::popcount(r.black())); }
+// The family traits with the checks of each family's node shape.
+struct Check4 : Family4 {
   static bool isDefaultRoute(const Record& r) {
     TrieNode expected(prefix032);
     expected.blackIs(0x00000001u);
@@ -92,7 +65,7 @@ struct Family4 {
       if (c == nullPrefix) continue;
       if (!c.validAsPrefix()) {
         report(fmt::format("IPv4 node {}: {} holds an invalid prefix", key, slotName(slot)));
-      } else if (c.len() <= len || commonBits4(c, key) < len) {
+      } else if (c.len() <= len || commonLen(c, key) < len) {
         report(fmt::format("IPv4 node {}: {} {} does not lie below the node", key, slotName(slot), c));
       } else {
         if (len < 32) {
@@ -109,22 +82,7 @@ struct Family4 {
   }
 };
 
-struct Family6 {
-  using Key = Addrkit::Ip6Prefix;
-  using Record = TrieNode6;
-  static constexpr std::string_view name = "IPv6";
-  static constexpr U32 maxDepth = Trie::ipv6TrieMaxDepth();
-
-  static const Trie::TrieNode6Map& map(const Trie& t) { return t.trieNode6Map(); }
-  static const Key& rootKey() { return rootPrefix6; }
-  static const Key& nullKey() { return nullPrefix6; }
-  static const Key& defaultRouteKey() { return prefix0128; }
-  static bool validKey(const Key& k) { return k.validAsPrefix(); }
-  static U64 blackCount(const Record& r) {
-    U64 n = 0;
-    for (U32 w = 0; w < 4; ++w) n += U64(std::popcount(r.black(w)));
-    return n;
-  }
+struct Check6 : Family6 {
   static bool isDefaultRoute(const Record& r) {
     TrieNode6 expected(prefix0128);
     expected.black3Is(0x00000001u);
@@ -146,7 +104,7 @@ struct Family6 {
     const U32 len = key.len();
     if (key == prefix0128) report("IPv6 record ::/128 (the default route) is linked into the tree");
     for (U32 w = 0; w < 4; ++w) {
-      if (U32 outside = n.black(w) & ~(lengthsUpTo6(w, len) & ~lengthsUpTo6(w, parentLen))) {
+      if (U32 outside = n.black(w) & ~(lengthsUpTo(w, len) & ~lengthsUpTo(w, parentLen))) {
         report(fmt::format("IPv6 node {}: black{} 0x{:08x} marks lengths off its edge ({}..{}): {}", key, w,
                            n.black(w), parentLen + 1, len, lengthList(outside, w)));
       }
@@ -161,7 +119,7 @@ struct Family6 {
       if (c == nullPrefix6) continue;
       if (!c.validAsPrefix()) {
         report(fmt::format("IPv6 node {}: {} holds an invalid prefix", key, field));
-      } else if (c.len() <= len || commonBits6(c, key) < len) {
+      } else if (c.len() <= len || commonLen(c, key) < len) {
         report(fmt::format("IPv6 node {}: {} {} does not lie below the node", key, field, c));
       } else {
         if (c.address().bit(len) != side) {
@@ -201,7 +159,7 @@ class Walker {
       visited_.insert(bytesOf(F::rootKey()));
       Key top = F::checkRoot(*root, [this](std::string m) { report(std::move(m)); });
       if (top != F::nullKey()) {
-        if (F::validKey(top)) {
+        if (top.validAsPrefix()) {
           visit(top, fmt::format("{} root record", F::name), 0, 0);
         } else {
           report(fmt::format("{} root record names an invalid top node", F::name));
@@ -245,9 +203,9 @@ class Walker {
       return;
     }
     if (n->key() != key) report(fmt::format("{} record stored under {} holds the key {}", F::name, key, n->key()));
-    if (depth > F::maxDepth) {
+    if (depth > F::maxDescents) {
       report(fmt::format("{} node {} lies {} levels below the top node; the limit is {}", F::name, key, depth,
-                         F::maxDepth));
+                         F::maxDescents));
       return;
     }
     ++stats_.nodes;
@@ -294,15 +252,15 @@ class Walker {
 std::vector<std::string> checkTrie(const Trie& trie) {
   std::vector<std::string> problems;
   TrieStats stats;
-  Walker<Family4>(trie, &problems, stats.v4).run();
-  Walker<Family6>(trie, &problems, stats.v6).run();
+  Walker<Check4>(trie, &problems, stats.v4).run();
+  Walker<Check6>(trie, &problems, stats.v6).run();
   return problems;
 }
 
 TrieStats trieStats(const Trie& trie) {
   TrieStats stats;
-  Walker<Family4>(trie, nullptr, stats.v4).run();
-  Walker<Family6>(trie, nullptr, stats.v6).run();
+  Walker<Check4>(trie, nullptr, stats.v4).run();
+  Walker<Check6>(trie, nullptr, stats.v6).run();
   return stats;
 }
 

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "Depot/SharedTable.h"
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 
 using namespace Routing::Lattice;
 using Addrkit::IpGenPrefix;

@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <string>
 
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 
 using namespace Routing::Lattice;
 using Addrkit::IpGenPrefix;

@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "TrieLib/ConsistentRead.h"
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 #include "TrieLib/TrieCheck.h"
 #include "support/Generate.h"
 #include "support/Process.h"

@@ -48,7 +48,7 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work
 
 echo "== installed files"
 for f in "$lib/libDepotTrie.so.$version" "$lib/depottrie/libBasis.a" "$lib/depottrie/libKilnDepot.a" \
-         "$prefix/include/TrieLib/DepotTrie.h" "$prefix/include/TrieLib/Mount.h" "$prefix/include/Basis/Ptr.h" \
+         "$prefix/include/TrieLib/DepotTrie.h" "$prefix/include/TrieLib/TrieMount.h" "$prefix/include/Basis/Ptr.h" \
          "$prefix/include/Addrkit/Prefix.h" "$lib/cmake/DepotTrie/DepotTrieConfig.cmake" \
          "$lib/cmake/DepotTrie/DepotTrieConfigVersion.cmake" "$lib/pkgconfig/depottrie.pc"; do
   [ -f "$f" ] || fail "missing $f"

@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 #include "support/TempRoot.h"
 
 using testing::HasSubstr;

@@ -7,7 +7,7 @@
 
 #include "Addrkit/Prefix.h"
 #include "TrieLib/DepotTrie.h"
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 
 namespace DepotTrieTool {
 

@@ -1,4 +1,4 @@
-#include "TrieLib/Mount.h"
+#include "TrieLib/TrieMount.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
