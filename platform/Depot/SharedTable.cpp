@@ -15,7 +15,7 @@
 
 #include "Basis/Assert.h"
 #include "Basis/Debug.h"
-#include "Depot/SharedTableFile.h"
+#include "Depot/SharedTableIndex.h"
 
 namespace Depot {
 namespace {
@@ -60,7 +60,6 @@ class Patience {
 
 enum class SlotRead { ok, busy, free };
 enum class Outcome { found, absent, unsettled, broken };
-enum class Problem { none, slotOutside, freeSlot, endless };
 
 // The result of one pass over a probe sequence.
 struct Probe {
@@ -70,93 +69,21 @@ struct Probe {
   Problem problem = Problem::none;
 };
 
-// Where the writer finds a key: its slot and index position, or (absent)
-// the position where it would go, the first tombstone of its probe sequence
-// or else the empty entry that ends it.
-struct Spot {
-  bool found;
-  U64 slot;
-  U64 position;
-};
-
-std::string describe(Problem problem, U64 position, U64 slot, const Geometry& g) {
-  switch (problem) {
-    case Problem::slotOutside:
-      return fmt::format("index entry {} names slot {} of a table of {}", position, slot, g.capacity);
-    case Problem::freeSlot: return fmt::format("index entry {} names the free slot {}", position, slot);
-    default: return fmt::format("a probe sequence of {} entries does not end", g.indexEntries);
-  }
-}
-
-// The last n (< 8) bytes of a key as a little-endian word, read without a
-// round trip through memory (which would stall on store forwarding).
-template <U32 n>
-U64 keyTail(const U8* p) {
-  U64 v = 0;
-  U32 at = 0;
-  if constexpr (n & 4) {
-    U32 w;
-    std::memcpy(&w, p, 4);
-    v = w;
-    at = 4;
-  }
-  if constexpr (n & 2) {
-    U16 w;
-    std::memcpy(&w, p + at, 2);
-    v |= U64(w) << (8 * at);
-    at += 2;
-  }
-  if constexpr (n & 1) v |= U64(p[at]) << (8 * at);
-  return v;
-}
-
-// Depot::keyHash with the key length known at compile time (the same values:
-// readers and writers of a file must agree on them).
-template <U32 N>
-U64 fixedKeyHash(const U8* key) {
-  U64 h = 0x9E3779B97F4A7C15ull ^ N;
-  U32 at = 0;
-  for (; at + 8 <= N; at += 8) {
-    U64 v;
-    std::memcpy(&v, key + at, 8);
-    h = (h ^ v) * 0xbf58476d1ce4e5b9ull;
-    h ^= h >> 31;
-  }
-  h = (h ^ keyTail<N % 8>(key + at)) * 0x94d049bb133111ebull;
-  h ^= h >> 29;
-  h *= 0xbf58476d1ce4e5b9ull;
-  return h ^ (h >> 32);
-}
-
 void checkLayout(const RecordLayout& layout, const std::string& path) {
   if (layout.recordSize == 0 || layout.keySize == 0 || layout.keyOffset + layout.keySize > layout.recordSize ||
       strideFor(layout) > maxStride || layout.typeName.size() >= sizeof(Header::typeName))
     throw Basis::RangeException(fmt::format("{}: bad record layout for {}", path, layout.typeName));
 }
 
-// Sorts (home << 32 | entry) items by home, 11 bits a pass.
-void sortByHome(std::vector<U64>& items, U64 indexEntries) {
-  std::vector<U64> spare(items.size());
-  for (U32 shift = 32; shift < 32 + std::bit_width(indexEntries); shift += 11) {
-    U64 counts[2048] = {};
-    for (U64 v : items) ++counts[(v >> shift) & 2047];
-    U64 at = 0;
-    for (U64& c : counts) at += std::exchange(c, at);
-    for (U64 v : items) spare[counts[(v >> shift) & 2047]++] = v;
-    items.swap(spare);
-  }
-}
-
 class SharedTableImpl final : public SharedTable {
  public:
   SharedTableImpl(const RecordLayout& layout, std::string path, bool writer, const SharedTableOptions& options,
                   std::unique_ptr<Mapping> m)
-      : layout_(layout), path_(std::move(path)), writer_(writer), options_(options), map_(std::move(m)),
+      : layout_(layout), path_(std::move(path)), writer_(writer), options_(options), keys_(layout), map_(std::move(m)),
         scratch_(layout.recordSize) {
     if (writer_) {
       counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
-      const U32 tombstone = tombstoneEntry(map_->geometry().slotBits);
-      for (U64 i = 0; i < indexEntries(); ++i) tombstones_ += loadRelaxed(map_->indexEntry(i)) == tombstone;
+      tombstones_ = countTombstones(*map_);
       rescan(std::min(loadRelaxed(map_->header().highWater), capacity()));
     }
   }
@@ -211,7 +138,7 @@ class SharedTableImpl final : public SharedTable {
   bool find(const U8* key, U8* out) const override {
     if (writer_) {  // nobody else changes the table: no sequence words to check
       U64 slot;
-      if (!slotOf(key, hashOf(key), slot)) return false;
+      if (!slotOf(key, keys_.hash(key), slot)) return false;
       std::memcpy(out, map_->slot(slot), layout_.recordSize);
       return true;
     }
@@ -224,13 +151,13 @@ class SharedTableImpl final : public SharedTable {
 
   void prefetch(const U8* key) const override {
     const Mapping& m = *map_;
-    __builtin_prefetch(&m.indexEntry(homeEntry(hashOf(key), m.geometry().indexEntries)));
+    __builtin_prefetch(&m.indexEntry(homeEntry(keys_.hash(key), m.geometry().indexEntries)));
   }
 
   void write(const U8* record) override {
     requireWriter();
     const U8* key = record + layout_.keyOffset;
-    const U64 hash = hashOf(key);
+    const U64 hash = keys_.hash(key);
     Spot s{true, 0, 0};
     if (!recentSlot(key, hash, s.slot)) {
       s = locate(key, hash);
@@ -271,12 +198,12 @@ class SharedTableImpl final : public SharedTable {
 
   bool remove(const U8* key, U8* removed) override {
     requireWriter();
-    const Spot s = locate(key, hashOf(key));
+    const Spot s = locate(key, keys_.hash(key));
     if (!s.found) return false;
     std::memcpy(removed, map_->slot(s.slot), layout_.recordSize);
     beginUpdate();
     journal(key, map_->slot(s.slot));
-    deleteIndexEntry(s.position);
+    deleteEntry(*map_, s.position, tombstones_);
     U32& seq = map_->seqWord(s.slot);
     storeRelease(seq, nextSeq(seq, 0));
     --occupancy_;
@@ -292,7 +219,7 @@ class SharedTableImpl final : public SharedTable {
   // change, so that readers never see it half-changed.
   U8* inPlace(const U8* key) override {
     requireWriter();
-    const Spot s = locate(key, hashOf(key));
+    const Spot s = locate(key, keys_.hash(key));
     if (!s.found) return nullptr;
     std::memcpy(scratch_.data(), map_->slot(s.slot), layout_.recordSize);
     scratchSlot_ = s.slot;
@@ -305,7 +232,7 @@ class SharedTableImpl final : public SharedTable {
     if (record != scratch_.data() || !scratchValid_)
       throw CorruptionException(fmt::format("{}: commit of a record that is not stored in place", path_));
     const U8* key = record + layout_.keyOffset;
-    const Spot s = locate(key, hashOf(key));
+    const Spot s = locate(key, keys_.hash(key));
     if (!s.found || s.slot != scratchSlot_)
       throw CorruptionException(fmt::format("{}: the record changed in place lost its slot before its commit", path_));
     beginUpdate();
@@ -317,7 +244,7 @@ class SharedTableImpl final : public SharedTable {
   bool iterFirst(U64& hint, U8* out) const override { return scan(0, hint, out); }
   bool iterFrom(const U8* key, U64& hint, U8* out) const override {
     if (writer_) {
-      const Spot s = locate(key, hashOf(key));
+      const Spot s = locate(key, keys_.hash(key));
       if (!s.found) return false;
       std::memcpy(out, map_->slot(s.slot), layout_.recordSize);
       hint = s.slot;
@@ -392,28 +319,10 @@ class SharedTableImpl final : public SharedTable {
 
   U64 indexEntries() const { return map_->geometry().indexEntries; }
 
-  // The node records' key sizes get code with the size built in.
-  U64 hashOf(const U8* key) const {
-    switch (layout_.keySize) {
-      case 5: return fixedKeyHash<5>(key);
-      case 17: return fixedKeyHash<17>(key);
-      default: return keyHash(key, layout_.keySize);
-    }
-  }
-  bool sameKey(const U8* a, const U8* b) const {
-    switch (layout_.keySize) {
-      case 5: return std::memcmp(a, b, 5) == 0;
-      case 17: return std::memcmp(a, b, 17) == 0;
-      default: return std::memcmp(a, b, layout_.keySize) == 0;
-    }
-  }
-
   static U64 highWaterNow(const Mapping& m) {
     return std::min(loadAcquire(m.header().highWater), m.geometry().capacity);
   }
 
-  static U32 tagOf(const Geometry& g, U64 hash) { return U32(hash) << g.slotBits; }
-  static U32 entryFor(const Geometry& g, U64 hash, U64 slot) { return tagOf(g, hash) | U32(slot + 1); }
   // The sequence word after a change that leaves the slot live (seqLive) or
   // free (0); the low byte is kept.
   static U32 nextSeq(U32 old, U32 live) { return ((old & seqVersionMask) + seqVersionStep) | live | (old & 0xFFu); }
@@ -459,7 +368,7 @@ class SharedTableImpl final : public SharedTable {
             if (loadAcquire(m.indexEntry(pos)) != e) continue;
             return {Outcome::broken, slot, pos, Problem::freeSlot};
           case SlotRead::ok:
-            if (sameKey(reinterpret_cast<const U8*>(words) + layout_.keyOffset, key))
+            if (keys_.same(reinterpret_cast<const U8*>(words) + layout_.keyOffset, key))
               return {Outcome::found, slot, pos};
             break;
         }
@@ -474,7 +383,7 @@ class SharedTableImpl final : public SharedTable {
   // even and unchanged across it; otherwise the reader waits for the writer
   // and tries again.
   bool lookup(const U8* key, U32* words, U64& slot) const {
-    const U64 hash = hashOf(key);
+    const U64 hash = keys_.hash(key);
     Patience patience;
     for (;;) {
       followSuccessor();
@@ -496,7 +405,7 @@ class SharedTableImpl final : public SharedTable {
       if (p.outcome == Outcome::unsettled)
         throw CorruptionException(
             fmt::format("{}: slot {} was left half-written by a writer that stopped", path_, p.slot));
-      throw CorruptionException(fmt::format("{}: {}", path_, describe(p.problem, p.position, p.slot, m.geometry())));
+      throwDamage(path_, p.problem, p.position, p.slot, m.geometry());
     }
   }
 
@@ -555,7 +464,7 @@ class SharedTableImpl final : public SharedTable {
     const U64 cached = recent_[hash % recentSize];
     if (cached >> 32 != hash >> 32 || U32(cached) == 0 || U32(cached) > highWater_) return false;
     slot = U32(cached) - 1;
-    return (map_->seqWord(slot) & seqLive) && sameKey(map_->slot(slot) + layout_.keyOffset, key);
+    return (map_->seqWord(slot) & seqLive) && keys_.same(map_->slot(slot) + layout_.keyOffset, key);
   }
   void recentSlotIs(U64 hash, U64 slot) const { recent_[hash % recentSize] = (hash >> 32 << 32) | (slot + 1); }
   bool slotOf(const U8* key, U64 hash, U64& slot) const {
@@ -567,34 +476,7 @@ class SharedTableImpl final : public SharedTable {
     return true;
   }
 
-  // The writer's probe: nobody else changes the table, so it compares keys
-  // in place.
-  Spot locate(const U8* key, U64 hash) const { return locateIn(*map_, key, hash); }
-  Spot locateIn(const Mapping& m, const U8* key, U64 hash) const {
-    const Geometry& g = m.geometry();
-    const U32 slotMask = (U32(1) << g.slotBits) - 1;
-    const U32 tag = tagOf(g, hash);
-    const U32 tombstone = tombstoneEntry(g.slotBits);
-    U64 pos = homeEntry(hash, g.indexEntries);
-    U64 firstTombstone = g.indexEntries;
-    for (U64 n = 0; n < g.indexEntries; ++n, pos = pos + 1 == g.indexEntries ? 0 : pos + 1) {
-      const U32 e = loadRelaxed(m.indexEntry(pos));
-      if (e == 0) return {false, 0, firstTombstone < g.indexEntries ? firstTombstone : pos};
-      if (e == tombstone) {
-        firstTombstone = std::min(firstTombstone, pos);
-        continue;
-      }
-      if ((e & ~slotMask) != tag) continue;
-      const U64 slot = U64(e & slotMask) - 1;
-      Problem problem = Problem::none;
-      if ((e & slotMask) == 0 || slot >= g.capacity) problem = Problem::slotOutside;
-      else if (!(m.seqWord(slot) & seqLive)) problem = Problem::freeSlot;
-      else if (sameKey(m.slot(slot) + layout_.keyOffset, key)) return {true, slot, pos};
-      else continue;
-      throw CorruptionException(fmt::format("{}: {}", path_, describe(problem, pos, slot, g)));
-    }
-    throw CorruptionException(fmt::format("{}: {}", path_, describe(Problem::endless, pos, 0, g)));
-  }
+  Spot locate(const U8* key, U64 hash) const { return sharedfile::locate(*map_, keys_, key, hash, path_); }
 
   void beginUpdate() {
     if (inBracket_) return;
@@ -625,7 +507,7 @@ class SharedTableImpl final : public SharedTable {
   void journal(const U8* key, const U8* old) {
     if (recovering_) return;
     for (U32 i = 0; i < journalUsed_; ++i)
-      if (sameKey(map_->journalRecord(i) + layout_.keyOffset, key)) return;
+      if (keys_.same(map_->journalRecord(i) + layout_.keyOffset, key)) return;
     BASIS_ASSERT_TEXT(journalUsed_ < journalEntries, "journalUsed_ < journalEntries && \"update too large\"",
                       sourcePath, __PRETTY_FUNCTION__);
     U8* entry = map_->journalRecord(journalUsed_);
@@ -652,26 +534,6 @@ class SharedTableImpl final : public SharedTable {
     std::memcpy(words, record, layout_.recordSize);
     for (U32 w = 0; w + 1 < n; ++w) storeRelaxed(p[w], words[w]);
     storeRelease(p[n - 1], nextSeq((old & ~0xFFu) | (words[n - 1] & 0xFFu), seqLive));
-  }
-
-  // A removed key leaves a tombstone, so that no entry moves under a reader;
-  // a tombstone followed by an empty entry ends no probe sequence that goes
-  // on past it, and it becomes empty with the tombstones before it.
-  void deleteIndexEntry(U64 position) {
-    const U64 n = indexEntries();
-    const U32 tombstone = tombstoneEntry(map_->geometry().slotBits);
-    if (loadRelaxed(map_->indexEntry(position + 1 == n ? 0 : position + 1)) != 0) {
-      storeRelease(map_->indexEntry(position), tombstone);
-      ++tombstones_;
-      return;
-    }
-    storeRelease(map_->indexEntry(position), 0);
-    for (U64 pos = position, k = 0; k < n; ++k) {
-      pos = pos == 0 ? n - 1 : pos - 1;
-      if (loadRelaxed(map_->indexEntry(pos)) != tombstone) break;
-      storeRelease(map_->indexEntry(pos), 0);
-      --tombstones_;
-    }
   }
 
   // Lowest free slot first, so that records stay packed at the start of the
@@ -738,7 +600,9 @@ class SharedTableImpl final : public SharedTable {
       unlink(file.c_str());
       throw;
     }
-    const U64 kept = buildIndex(*next, top);
+    const U64 kept = buildIndex(*next, keys_, top, occupancy_, [this](U64 slot) {
+      reportCorruption(fmt::format("dropped slot {}, a second record under the key of another", slot));
+    });
     Header& h = next->header();
     h.updateCounter = loadRelaxed(map_->header().updateCounter);
     h.journalCount = journalUsed_;
@@ -760,57 +624,11 @@ class SharedTableImpl final : public SharedTable {
     rescan(top);
   }
 
-  // Indexes the live slots below top of a new generation, in the order of
-  // their home entries, so that the index fills from front to back. A second
-  // record under a key already indexed is dropped. Returns the records kept.
-  U64 buildIndex(Mapping& m, U64 top) {
-    const Geometry& g = m.geometry();
-    std::vector<U64> items;
-    items.reserve(occupancy_);
-    for (U64 s = 0; s < top; ++s) {
-      if (!(m.seqWord(s) & seqLive)) continue;
-      const U64 hash = hashOf(m.slot(s) + layout_.keyOffset);
-      items.push_back(homeEntry(hash, g.indexEntries) << 32 | entryFor(g, hash, s));
-    }
-    sortByHome(items, g.indexEntries);
-    const U32 slotMask = (U32(1) << g.slotBits) - 1;
-    U64 next = 0, kept = 0;
-    std::vector<U32> wrapped;
-    for (size_t i = 0; i < items.size(); ++i) {
-      const U64 home = items[i] >> 32;
-      const U32 entry = U32(items[i]);
-      const U64 slot = (entry & slotMask) - 1;
-      bool again = false;
-      for (size_t j = i; j-- > 0 && items[j] >> 32 == home && !again;)
-        again = U32(items[j]) >> g.slotBits == entry >> g.slotBits &&
-                sameKey(m.slot((U32(items[j]) & slotMask) - 1) + layout_.keyOffset, m.slot(slot) + layout_.keyOffset);
-      if (again) {
-        m.seqWord(slot) &= ~seqLive;
-        reportCorruption(fmt::format("dropped slot {}, a second record under the key of another", slot));
-        continue;
-      }
-      ++kept;
-      const U64 pos = std::max(home, next);
-      if (pos >= g.indexEntries) {
-        wrapped.push_back(entry);
-        continue;
-      }
-      m.indexEntry(pos) = entry;
-      next = pos + 1;
-    }
-    // Probes that run past the end go on at the front.
-    U64 pos = 0;
-    for (U32 entry : wrapped) {
-      while (m.indexEntry(pos) != 0) ++pos;
-      m.indexEntry(pos) = entry;
-    }
-    return kept;
-  }
-
   RecordLayout layout_;
   std::string path_;
   bool writer_;
   SharedTableOptions options_;
+  Keys keys_;
   mutable std::unique_ptr<Mapping> map_;
   U64 corruptionCount_ = 0;
   // Writer state, mirrored in the header for readers.
