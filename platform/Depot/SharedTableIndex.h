@@ -21,6 +21,9 @@
 
 #include "Depot/SharedTableFile.h"
 
+// Hidden from the library that links Depot in: calls between these files
+// bind inside it, so they are direct and may be inlined.
+#pragma GCC visibility push(hidden)
 namespace Depot::sharedfile {
 
 // The last n (< 8) bytes of a key as a little-endian word, read without a
@@ -147,3 +150,4 @@ void deleteEntry(Mapping& m, U64 position, U64& tombstones);
 U64 buildIndex(Mapping& m, const Keys& keys, U64 top, U64 expected, const std::function<void(U64 slot)>& dropped);
 
 }  // namespace Depot::sharedfile
+#pragma GCC visibility pop
