@@ -1,0 +1,99 @@
+// Generations: the table's file is replaced, never resized, when the table
+// grows or shrinks.
+//
+// A new generation is built complete under its own name (every slot below
+// the high-water mark at the same number, a fresh index without tombstones,
+// the update in progress carried over), then published with one release
+// store of its number in the old header (successor), then renamed over the
+// table's name. What a reader may assume: a successor it sees is complete;
+// until the rename the name still leads to the old file, whose mapping stays
+// valid as long as the reader holds it. A writer stopped between the store
+// and the rename leaves the new file in place under its generation name,
+// and the next writer puts it in place before anything else.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Depot/SharedTableWriter.h"
+
+namespace Depot::sharedfile {
+
+// Created under a temporary name and linked to the table's name, so that a
+// table is never seen half-created; nullptr when another process created
+// the table first.
+std::unique_ptr<Mapping> SharedTableWriter::createFirstGeneration(const RecordLayout& layout, const std::string& path,
+                                                                  const SharedTableOptions& options) {
+  Geometry g = geometryFor(layout, options.capacity, options.maxEntries);
+  std::string file = fmt::format("{}.new-{}", path, getpid());
+  unlink(file.c_str());
+  auto m = Mapping::create(file, layout, g, g.capacity, 1, options.mode);
+  if (link(file.c_str(), path.c_str()) != 0) {
+    int err = errno;
+    unlink(file.c_str());
+    if (err == EEXIST) return nullptr;
+    throw SharedFileException(fmt::format("cannot create {}: {}", path, std::strerror(err)));
+  }
+  unlink(file.c_str());
+  return m;
+}
+
+// A table that is full, or whose index is full of tombstones, is rebuilt
+// with room for half as many records again.
+void SharedTableWriter::grow() {
+  const U64 wanted = std::max(loadRelaxed(map_->header().minCapacity),
+                              (occupancy_ + 1) * growNumerator / growDenominator + 1);
+  const Geometry g = geometryFor(layout_, std::max(wanted, highWater_), options_.maxEntries);
+  if (g.capacity <= occupancy_ || g.capacity < highWater_) throw TableFullException(occupancy_, capacity(), path_);
+  rebuild(g);
+}
+
+// A table at most an eighth full, whose records lie in its first half,
+// moves to a generation at most half its size (never below its first one).
+void SharedTableWriter::maybeShrink() {
+  const U64 cap = capacity();
+  const U64 floor = loadRelaxed(map_->header().minCapacity);
+  if (occupancy_ * 8 >= cap || highWater_ * 2 > cap || cap <= floor) return;
+  Geometry g = geometryFor(layout_, std::max({floor, occupancy_ * 2, highWater_}), options_.maxEntries);
+  if (g.capacity * 2 > cap) return;
+  try {
+    rebuild(g);
+  } catch (const Basis::Exception& e) {
+    Basis::debugHandler("DepotShared").logf(0, "{}: not shrunk: {}", path_, e.what());
+  }
+}
+
+void SharedTableWriter::rebuild(const Geometry& g) {
+  const U64 top = highWater_;
+  const U64 gen = map_->generation() + 1;
+  const std::string file = generationFileName(path_, gen);
+  unlink(file.c_str());
+  auto next = Mapping::create(file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, options_.mode);
+  try {
+    next->copySlots(*map_, top);
+  } catch (...) {
+    unlink(file.c_str());
+    throw;
+  }
+  const U64 kept = buildIndex(*next, keys_, top, occupancy_, [this](U64 slot) {
+    reportCorruption(fmt::format("dropped slot {}, a second record under the key of another", slot));
+  });
+  carryUpdateInto(*next);
+  Header& h = next->header();
+  h.occupancy = kept;
+  h.highWater = top;
+  storeRelease(map_->header().successor, gen);
+  if (rename(file.c_str(), path_.c_str()) != 0) {
+    int err = errno;
+    storeRelease(map_->header().successor, 0);
+    unlink(file.c_str());
+    throw SharedFileException(fmt::format("cannot put generation {} in place of {}: {}", gen, path_, std::strerror(err)));
+  }
+  map_ = std::move(next);
+  tombstones_ = 0;
+  rescan(top);
+}
+
+}  // namespace Depot::sharedfile

@@ -1,0 +1,182 @@
+// Updates, the undo journal and a writer's reopening of a table.
+//
+// Every change belongs to an update; the header's update counter is odd
+// inside one and even at rest. The writer keeps this order: the counter
+// goes odd; before the update first changes the record under a key, the
+// key, whether a record was there and its old bytes go into the next
+// journal entry, and only then is the entry count raised and the table
+// changed; at the end the counter goes even, and only then does the journal
+// empty. So at any instruction where a writer may be killed, the file holds
+// either a complete update and a journal to drop (even counter), or an
+// unfinished one whose journal restores every record it changed (odd
+// counter). A new generation carries the counter and the journal over.
+// Readers never look at the journal; they may use the counter to tell that
+// no update overlapped a query.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Basis/Assert.h"
+#include "Depot/SharedTableWriter.h"
+
+namespace Depot::sharedfile {
+namespace {
+
+constexpr const char* sourcePath = "Depot/SharedTableJournal.cpp";
+
+}  // namespace
+
+std::unique_ptr<SharedTable> SharedTableWriter::open(const RecordLayout& layout, const std::string& path,
+                                                     const SharedTableOptions& options) {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+      if (errno != ENOENT) throw SharedFileException(openFailure(path, "writing", errno));
+      if (auto m = createFirstGeneration(layout, path, options))
+        return std::make_unique<SharedTableWriter>(layout, path, options, std::move(m));
+      continue;
+    }
+    if (!takeWriterLock(fd)) {
+      U32 pid = recordedWriterPid(fd);
+      close(fd);
+      throw WriterBusyException(pid ? fmt::format("{} already has a writer (pid {})", path, pid)
+                                    : fmt::format("{} already has a writer", path));
+    }
+    struct stat named {}, opened {};
+    if (stat(path.c_str(), &named) != 0 || fstat(fd, &opened) != 0 || named.st_ino != opened.st_ino ||
+        named.st_dev != opened.st_dev) {
+      close(fd);
+      continue;
+    }
+    auto m = Mapping::attach(fd, path, layout, true);
+    // A writer that stopped between publishing a generation and putting it
+    // in place left it complete under its generation name.
+    if (U64 successor = loadAcquire(m->header().successor)) {
+      std::string next = generationFileName(path, successor);
+      if (rename(next.c_str(), path.c_str()) == 0) continue;
+      storeRelease(m->header().successor, 0);
+    }
+    for (const std::string& f : leftoverFiles(path)) unlink(f.c_str());
+    std::atomic_ref<U32>(m->header().writerPid).store(U32(getpid()), std::memory_order_release);
+    auto table = std::make_unique<SharedTableWriter>(layout, path, options, std::move(m));
+    table->recover();
+    return table;
+  }
+  throw SharedFileException(fmt::format("{} keeps changing while it is being opened", path));
+}
+
+// A writer that reopens the table finishes what a stopped one left. Inside
+// an update (odd counter) every change was journaled first: slots it was
+// changing go back to what they held, the index is rebuilt from the slots,
+// and the journal restores the records as they were before the update.
+// Outside one, a slot left half-written is damage and is dropped.
+void SharedTableWriter::recover() {
+  Header& h = map_->header();
+  const bool interrupted = loadRelaxed(h.updateCounter) & 1;
+  const U32 entries = loadRelaxed(h.journalCount);
+  if (entries > journalEntries)
+    throw SharedFileException(fmt::format("{}: damaged journal ({} entries)", path_, entries));
+  // A rebuild carries the journal over.
+  journalUsed_ = interrupted ? entries : 0;
+  bool dropped = false;
+  for (U64 s = 0, top = std::min(loadRelaxed(h.highWater), capacity()); s < top; ++s) {
+    U32& seq = map_->seqWord(s);
+    if (!(seq & seqBusy)) continue;
+    if (!interrupted) {
+      reportCorruption(fmt::format("dropped slot {}, left half-written by a writer that stopped", s));
+      dropped = true;
+    }
+    storeRelease(seq, nextSeq(seq, interrupted ? seq & seqLive : 0));
+  }
+  if (interrupted || dropped) rebuild(geometryFor(layout_, capacity(), std::max(options_.maxEntries, capacity())));
+  if (!interrupted) {
+    if (entries != 0) storeRelease(map_->header().journalCount, 0);
+    return;
+  }
+  std::vector<U8> record(layout_.recordSize);
+  inBracket_ = recovering_ = true;
+  for (U32 i = entries; i-- > 0;) {
+    std::memcpy(record.data(), map_->journalRecord(i), layout_.recordSize);
+    if (loadRelaxed(map_->journalFlags(i)) & journalPresent) write(record.data());
+    else remove(keys_.of(record.data()), scratch_.data());
+  }
+  recovering_ = false;
+  updateEnd();
+}
+
+void SharedTableWriter::updateBegin() {
+  BASIS_ASSERT(!inBracket_, sourcePath);
+  beginUpdate();
+  inBracket_ = true;
+}
+
+void SharedTableWriter::updateEnd() {
+  BASIS_ASSERT(inBracket_, sourcePath);
+  inBracket_ = false;
+  endUpdate();
+}
+
+void SharedTableWriter::beginUpdate() {
+  if (inBracket_) return;
+  storeRelaxed(map_->header().updateCounter, counter_ + 1);
+  std::atomic_thread_fence(std::memory_order_release);
+}
+
+// The counter goes even before the journal empties: a writer stopped in
+// between leaves a complete update and a journal that the next one drops.
+void SharedTableWriter::endUpdate() {
+  if (inBracket_) return;
+  counter_ += 2;
+  storeRelease(map_->header().updateCounter, counter_);
+  storeOrder();
+  if (journalUsed_ == 0) return;
+  journalUsed_ = 0;
+  storeRelease(map_->header().journalCount, 0);
+}
+
+void SharedTableWriter::publishCounts() {
+  storeRelaxed(map_->header().occupancy, occupancy_);
+  storeRelaxed(map_->header().tombstones, tombstones_);
+  storeRelease(map_->header().highWater, highWater_);
+}
+
+// Saves the record under key as it was before this update (old, or
+// nothing) the first time the update changes it. The entry is complete
+// before the count takes it in, and the count is raised before the table
+// changes.
+void SharedTableWriter::journal(const U8* key, const U8* old) {
+  if (recovering_) return;
+  for (U32 i = 0; i < journalUsed_; ++i)
+    if (keys_.same(keys_.of(map_->journalRecord(i)), key)) return;
+  BASIS_ASSERT_TEXT(journalUsed_ < journalEntries, "journalUsed_ < journalEntries && \"update too large\"",
+                    sourcePath, __PRETTY_FUNCTION__);
+  U8* entry = map_->journalRecord(journalUsed_);
+  if (old) {
+    std::memcpy(entry, old, layout_.recordSize);
+  } else {
+    std::memset(entry, 0, layout_.recordSize);
+    std::memcpy(entry + layout_.keyOffset, key, layout_.keySize);
+  }
+  map_->journalFlags(journalUsed_) = old ? journalPresent : 0;
+  storeOrder();
+  storeRelease(map_->header().journalCount, ++journalUsed_);
+  storeOrder();
+}
+
+// The update in progress goes with a new generation: its counter and its
+// journal, written before the generation is published.
+void SharedTableWriter::carryUpdateInto(Mapping& next) const {
+  Header& h = next.header();
+  h.updateCounter = loadRelaxed(map_->header().updateCounter);
+  h.journalCount = journalUsed_;
+  for (U32 i = 0; i < journalUsed_; ++i) {
+    next.journalFlags(i) = map_->journalFlags(i);
+    std::memcpy(next.journalRecord(i), map_->journalRecord(i), layout_.recordSize);
+  }
+}
+
+}  // namespace Depot::sharedfile

@@ -1,0 +1,124 @@
+// A reader's lookups: a probe of the index that copies the slots it meets
+// under their sequence words, and the move to a newer generation.
+//
+// What a reader may assume: entries do not move and records keep their
+// slots while a generation lives, so a key present throughout one pass over
+// its probe sequence is found. A newer generation is complete before the
+// writer announces it in the old header (successor, a release store), and
+// the old mapping stays valid while the reader holds it. What it cannot
+// assume: that a pass which met a busy slot, or what no consistent table
+// holds, saw a settled table; such a pass is tried again under Patience.
+#include "Depot/SharedTableReader.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace Depot::sharedfile {
+namespace {
+
+enum class Outcome { found, absent, unsettled, broken };
+
+// The result of one pass over a probe sequence.
+struct Probe {
+  Outcome outcome;
+  U64 slot = 0;
+  U64 position = 0;
+  Problem problem = Problem::none;
+};
+
+// One pass over the key's probe sequence. A pass that meets a slot being
+// changed is unsettled; one that meets what no consistent table holds is
+// broken (or raced with the writer: the caller tells which).
+Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* words) {
+  const Geometry& g = m.geometry();
+  const U32 slotMask = slotMaskOf(g);
+  const U32 tag = tagOf(g, hash);
+  const U32 tombstone = tombstoneEntry(g.slotBits);
+  U64 pos = homeEntry(hash, g.indexEntries);
+  for (U64 n = 0; n < g.indexEntries;) {
+    const U32 e = loadAcquire(m.indexEntry(pos));
+    if (e == 0) return {Outcome::absent, 0, pos};
+    if (e != tombstone && (e & ~slotMask) == tag) {
+      const U64 slot = U64(e & slotMask) - 1;
+      if ((e & slotMask) == 0 || slot >= g.capacity) return {Outcome::broken, slot, pos, Problem::slotOutside};
+      switch (readSlot(m, slot, words)) {
+        case SlotRead::busy: return {Outcome::unsettled, slot, pos};
+        case SlotRead::free:
+          // The key was removed after the entry was read: look again.
+          if (loadAcquire(m.indexEntry(pos)) != e) continue;
+          return {Outcome::broken, slot, pos, Problem::freeSlot};
+        case SlotRead::ok:
+          if (keys.same(keys.of(reinterpret_cast<const U8*>(words)), key)) return {Outcome::found, slot, pos};
+          break;
+      }
+    }
+    ++n;
+    pos = nextPosition(g, pos);
+  }
+  return {Outcome::broken, 0, pos, Problem::endless};
+}
+
+}  // namespace
+
+bool SharedTableReader::find(const U8* key, U8* out) const {
+  U32 words[maxStride / 4];
+  U64 slot;
+  if (!lookup(key, words, slot)) return false;
+  std::memcpy(out, words, layout_.recordSize);
+  return true;
+}
+
+bool SharedTableReader::iterFrom(const U8* key, U64& hint, U8* out) const {
+  U32 words[maxStride / 4];
+  if (!lookup(key, words, hint)) return false;
+  std::memcpy(out, words, layout_.recordSize);
+  return true;
+}
+
+void SharedTableReader::refuse() { throw AccessException("invalid attempt to write scratchpad as reader"); }
+
+// A broken pass is damage only when it repeats with the update counter even
+// and unchanged across it; otherwise the reader waits for the writer and
+// tries again.
+bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
+  const U64 hash = keys_.hash(key);
+  Patience patience;
+  for (;;) {
+    const Mapping& m = newestMapping();
+    Probe p = probe(m, keys_, key, hash, words);
+    bool settled = true;
+    if (p.outcome == Outcome::broken) {
+      const U64 before = loadAcquire(m.header().updateCounter);
+      p = probe(m, keys_, key, hash, words);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      settled = !(before & 1) && loadRelaxed(m.header().updateCounter) == before;
+    }
+    if (p.outcome == Outcome::found) {
+      slot = p.slot;
+      return true;
+    }
+    if (p.outcome == Outcome::absent) return false;
+    if ((p.outcome == Outcome::unsettled || !settled) && patience.wait(m)) continue;
+    if (p.outcome == Outcome::unsettled) throw CorruptionException(halfWrittenMessage(path_, p.slot));
+    throwDamage(path_, p.problem, p.position, p.slot, m.geometry());
+  }
+}
+
+// Until the writer has put the new file in place, the name still leads to
+// the current one and the reader stays.
+void SharedTableReader::followSuccessor() const {
+  int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || map_->sameFile(st)) {
+    close(fd);
+    return;
+  }
+  try {
+    map_ = Mapping::attach(fd, path_, layout_, false);
+  } catch (const SharedFileException& e) {
+    throw CorruptionException(e.what());
+  }
+}
+
+}  // namespace Depot::sharedfile

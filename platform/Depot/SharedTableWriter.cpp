@@ -1,0 +1,191 @@
+// The writer's records: slots written under their sequence words, the slot
+// cache and the free slots.
+//
+// Slots are handed out lowest free first, so records stay packed at the
+// start of the slot area (the memory behind the rest is never touched) and
+// the table can shrink. The header's high-water mark is raised before a slot
+// above it is written (a writer that reopens the table looks at the slots
+// below it) and lowered only past free slots. What a reader may
+// assume: a slot is reachable through the index only once it holds its
+// record, and a removed record's slot is marked free after its index entry
+// is gone. Every change here is preceded, inside its update, by the journal
+// entry that undoes it (SharedTableJournal.cpp).
+#include "Depot/SharedTableWriter.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace Depot::sharedfile {
+
+SharedTableWriter::SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
+                                     std::unique_ptr<Mapping> m)
+    : SharedTableBase(layout, std::move(path), std::move(m)), options_(options), scratch_(layout.recordSize) {
+  counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
+  tombstones_ = countTombstones(*map_);
+  rescan(std::min(loadRelaxed(map_->header().highWater), capacity()));
+}
+
+SharedTableWriter::~SharedTableWriter() {
+  std::atomic_ref<U32>(map_->header().writerPid).store(0, std::memory_order_release);
+}
+
+// Nobody else changes the table: no sequence words to check.
+bool SharedTableWriter::find(const U8* key, U8* out) const {
+  U64 slot;
+  if (!slotOf(key, keys_.hash(key), slot)) return false;
+  std::memcpy(out, map_->slot(slot), layout_.recordSize);
+  return true;
+}
+
+bool SharedTableWriter::iterFrom(const U8* key, U64& hint, U8* out) const {
+  const Spot s = spotOf(key, keys_.hash(key));
+  if (!s.found) return false;
+  std::memcpy(out, map_->slot(s.slot), layout_.recordSize);
+  hint = s.slot;
+  return true;
+}
+
+void SharedTableWriter::write(const U8* record) {
+  const U8* key = keys_.of(record);
+  const U64 hash = keys_.hash(key);
+  Spot s{true, 0, 0};
+  if (!recentSlot(key, hash, s.slot)) {
+    s = spotOf(key, hash);
+    if (s.found) recentSlotIs(hash, s.slot);
+  }
+  if (s.found) {
+    beginUpdate();
+    journal(key, map_->slot(s.slot));
+    writeSlot(s.slot, record);
+    endUpdate();
+    return;
+  }
+  const bool intoEmpty = loadRelaxed(map_->indexEntry(s.position)) == 0;
+  if (occupancy_ == capacity() ||
+      (intoEmpty && occupancy_ + tombstones_ >= indexLimit(map_->geometry().indexEntries))) {
+    grow();
+    s = spotOf(key, hash);
+  }
+  const U64 slot = takeFreeSlot();
+  map_->reserveSlots(slot + 1);
+  beginUpdate();
+  journal(key, nullptr);
+  // The high-water mark covers the slot before it holds a record: a
+  // writer that reopens the table looks at the slots below it.
+  if (slot >= highWater_) {
+    highWater_ = slot + 1;
+    storeRelease(map_->header().highWater, highWater_);
+    storeOrder();
+  }
+  writeSlot(slot, record);
+  recentSlotIs(hash, slot);
+  U32& entry = map_->indexEntry(s.position);
+  tombstones_ -= loadRelaxed(entry) != 0;
+  storeRelease(entry, entryFor(map_->geometry(), hash, slot));
+  ++occupancy_;
+  publishCounts();
+  endUpdate();
+}
+
+bool SharedTableWriter::remove(const U8* key, U8* removed) {
+  const Spot s = spotOf(key, keys_.hash(key));
+  if (!s.found) return false;
+  std::memcpy(removed, map_->slot(s.slot), layout_.recordSize);
+  beginUpdate();
+  journal(key, map_->slot(s.slot));
+  deleteEntry(*map_, s.position, tombstones_);
+  U32& seq = map_->seqWord(s.slot);
+  storeRelease(seq, nextSeq(seq, 0));
+  --occupancy_;
+  freeSlots_.push(U32(s.slot));
+  while (highWater_ > 0 && !(map_->seqWord(highWater_ - 1) & seqLive)) --highWater_;
+  publishCounts();
+  endUpdate();
+  maybeShrink();
+  return true;
+}
+
+// The writer changes a copy (the scratchpad) and commits it as one whole
+// change, so that readers never see it half-changed.
+U8* SharedTableWriter::inPlace(const U8* key) {
+  const Spot s = spotOf(key, keys_.hash(key));
+  if (!s.found) return nullptr;
+  std::memcpy(scratch_.data(), map_->slot(s.slot), layout_.recordSize);
+  scratchSlot_ = s.slot;
+  scratchValid_ = true;
+  return scratch_.data();
+}
+
+void SharedTableWriter::commit(const U8* record) {
+  if (record != scratch_.data() || !scratchValid_)
+    throw CorruptionException(fmt::format("{}: commit of a record that is not stored in place", path_));
+  const U8* key = keys_.of(record);
+  const Spot s = spotOf(key, keys_.hash(key));
+  if (!s.found || s.slot != scratchSlot_)
+    throw CorruptionException(fmt::format("{}: the record changed in place lost its slot before its commit", path_));
+  beginUpdate();
+  journal(key, map_->slot(s.slot));
+  writeSlot(s.slot, record);
+  endUpdate();
+}
+
+// Busy first, then the record's words, then the sequence word with busy
+// clear and the version advanced; the record's last byte may share it.
+inline void SharedTableWriter::writeSlot(U64 slot, const U8* record) {
+  const U32 n = map_->geometry().stride / 4;
+  U32* p = reinterpret_cast<U32*>(map_->slot(slot));
+  const U32 old = loadRelaxed(p[n - 1]);
+  storeRelaxed(p[n - 1], old | seqBusy);
+  std::atomic_thread_fence(std::memory_order_release);
+  U32 words[maxStride / 4];
+  for (U32 w = layout_.recordSize / 4; w < n; ++w) words[w] = 0;
+  std::memcpy(words, record, layout_.recordSize);
+  for (U32 w = 0; w + 1 < n; ++w) storeRelaxed(p[w], words[w]);
+  storeRelease(p[n - 1], nextSeq((old & ~0xFFu) | (words[n - 1] & 0xFFu), seqLive));
+}
+
+// The slot of a key the writer met lately, from a small cache by hash:
+// slot + 1 with the hash's high half as a tag, so that a key missing from
+// the cache rarely costs a look at a slot. A cached slot counts only while
+// it still holds the key, so the cache needs no upkeep: slots keep their
+// numbers in every generation.
+inline bool SharedTableWriter::recentSlot(const U8* key, U64 hash, U64& slot) const {
+  const U64 cached = recent_[hash % recentSize];
+  if (cached >> 32 != hash >> 32 || U32(cached) == 0 || U32(cached) > highWater_) return false;
+  slot = U32(cached) - 1;
+  return (map_->seqWord(slot) & seqLive) && keys_.same(keys_.of(map_->slot(slot)), key);
+}
+
+inline bool SharedTableWriter::slotOf(const U8* key, U64 hash, U64& slot) const {
+  if (recentSlot(key, hash, slot)) return true;
+  const Spot s = spotOf(key, hash);
+  if (!s.found) return false;
+  recentSlotIs(hash, s.slot);
+  slot = s.slot;
+  return true;
+}
+
+inline U64 SharedTableWriter::takeFreeSlot() {
+  while (!freeSlots_.empty()) {
+    U64 s = freeSlots_.top();
+    freeSlots_.pop();
+    if (s < highWater_ && !(map_->seqWord(s) & seqLive)) return s;
+  }
+  return highWater_;
+}
+
+// Recomputes the writer's slot counts and free slots from the mapping.
+void SharedTableWriter::rescan(U64 top) {
+  highWater_ = top;
+  while (highWater_ > 0 && !(map_->seqWord(highWater_ - 1) & seqLive)) --highWater_;
+  occupancy_ = 0;
+  freeSlots_ = {};
+  for (U64 s = 0; s < highWater_; ++s) {
+    if (map_->seqWord(s) & seqLive) ++occupancy_;
+    else freeSlots_.push(U32(s));
+  }
+  publishCounts();
+}
+
+}  // namespace Depot::sharedfile

@@ -1,0 +1,95 @@
+#pragma once
+// The writer of a shared table: the only process that changes its files.
+// Its work is spread by job over
+//   SharedTableWriter.cpp       records: slot writes, the slot cache, free slots
+//   SharedTableJournal.cpp      updates, the undo journal, reopening and recovery
+//   SharedTableGenerations.cpp  new generations: creation, growth, shrinking
+// and the index's upkeep is in SharedTableIndex.cpp. Each file states at its
+// top what it keeps true.
+#include <functional>
+#include <queue>
+#include <vector>
+
+#include "Depot/SharedTableReader.h"
+
+// Hidden from the library that links Depot in: calls between these files
+// bind inside it, so they are direct and may be inlined.
+#pragma GCC visibility push(hidden)
+namespace Depot::sharedfile {
+
+// Keeps the compiler from moving stores across it. A killed writer stops
+// between two instructions and every store before that point reaches the
+// shared file, so with the stores in program order the file shows a prefix
+// of the writer's work, which recovery relies on.
+inline void storeOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); }
+
+// The sequence word after a change that leaves the slot live (seqLive) or
+// free (0); the low byte is kept.
+inline U32 nextSeq(U32 old, U32 live) { return ((old & seqVersionMask) + seqVersionStep) | live | (old & 0xFFu); }
+
+class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
+ public:
+  // Opens the table at path for writing, creating it or recovering it.
+  static std::unique_ptr<SharedTable> open(const RecordLayout& layout, const std::string& path,
+                                           const SharedTableOptions& options);
+  SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
+                    std::unique_ptr<Mapping> m);
+  ~SharedTableWriter() override;
+
+  bool isWriter() const override { return true; }
+  bool find(const U8* key, U8* out) const override;
+  bool iterFrom(const U8* key, U64& hint, U8* out) const override;
+  void write(const U8* record) override;
+  bool remove(const U8* key, U8* removed) override;
+  U8* inPlace(const U8* key) override;
+  void commit(const U8* record) override;
+  void updateBegin() override;
+  void updateEnd() override;
+
+ private:
+  friend class SharedTableBase<SharedTableWriter>;
+  const Mapping& newestMapping() const { return *map_; }
+  Spot spotOf(const U8* key, U64 hash) const { return locate(*map_, keys_, key, hash, path_); }
+
+  // Records (SharedTableWriter.cpp; the inline ones are used there only).
+  void writeSlot(U64 slot, const U8* record);
+  bool recentSlot(const U8* key, U64 hash, U64& slot) const;
+  void recentSlotIs(U64 hash, U64 slot) const { recent_[hash % recentSize] = (hash >> 32 << 32) | (slot + 1); }
+  bool slotOf(const U8* key, U64 hash, U64& slot) const;
+  U64 takeFreeSlot();
+  void rescan(U64 top);
+
+  // Updates and recovery (SharedTableJournal.cpp).
+  void recover();
+  void beginUpdate();
+  void endUpdate();
+  void publishCounts();
+  void journal(const U8* key, const U8* old);
+  void carryUpdateInto(Mapping& next) const;
+
+  // Generations (SharedTableGenerations.cpp).
+  static std::unique_ptr<Mapping> createFirstGeneration(const RecordLayout& layout, const std::string& path,
+                                                        const SharedTableOptions& options);
+  void grow();
+  void maybeShrink();
+  void rebuild(const Geometry& g);
+
+  SharedTableOptions options_;
+  // Writer state, mirrored in the header for readers.
+  U64 counter_ = 0;
+  bool inBracket_ = false;
+  bool recovering_ = false;
+  U32 journalUsed_ = 0;
+  U64 occupancy_ = 0;
+  U64 highWater_ = 0;
+  U64 tombstones_ = 0;
+  std::priority_queue<U32, std::vector<U32>, std::greater<U32>> freeSlots_;
+  static constexpr U64 recentSize = 4096;
+  mutable std::vector<U64> recent_ = std::vector<U64>(recentSize);
+  std::vector<U8> scratch_;
+  U64 scratchSlot_ = 0;
+  bool scratchValid_ = false;
+};
+
+}  // namespace Depot::sharedfile
+#pragma GCC visibility pop
