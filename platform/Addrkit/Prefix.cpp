@@ -38,6 +38,23 @@ P fromStored(const U8* addr, U8 len) {
   return p;
 }
 
+// "ADDR/LEN" or a bare address (the family's full length): the address goes
+// to addr, the length is returned; bad text raises the range error naming it.
+U8 parseText(std::string_view text, const char* family, U32 maxLen, bool (*parseAddr)(std::string_view, U8*),
+             U8* addr) {
+  const size_t slash = text.find('/');
+  U32 len = maxLen;
+  if (!parseAddr(text.substr(0, slash), addr) ||
+      (slash != std::string_view::npos && !parse::length(text.substr(slash + 1), maxLen, len))) {
+    throw Basis::RangeException(fmt::format("invalid {} prefix '{}'", family, text));
+  }
+  return U8(len);
+}
+
+void refuseHostBits(bool valid, const char* family, std::string_view text) {
+  if (!valid) throw Basis::RangeException(fmt::format("invalid {} prefix '{}': host bits set", family, text));
+}
+
 }  // namespace
 
 Prefix::Prefix(Ip4Address addr, U32 len) {
@@ -48,16 +65,8 @@ Prefix::Prefix(Ip4Address addr, U32 len) {
 }
 
 Prefix::Prefix(std::string_view text) {
-  const size_t slash = text.find('/');
-  U32 len = 32;
-  if (!parse::ip4(text.substr(0, slash), addr_) ||
-      (slash != std::string_view::npos && !parse::length(text.substr(slash + 1), 32, len))) {
-    throw Basis::RangeException(fmt::format("invalid IPv4 prefix '{}'", text));
-  }
-  len_ = U8(len);
-  if (!validAsPrefix()) {
-    throw Basis::RangeException(fmt::format("invalid IPv4 prefix '{}': host bits set", text));
-  }
+  len_ = parseText(text, "IPv4", 32, parse::ip4, addr_);
+  refuseHostBits(validAsPrefix(), "IPv4", text);
 }
 
 Prefix Prefix::masked(U32 hostAddr, U32 len) {
@@ -82,16 +91,8 @@ Ip6Prefix::Ip6Prefix(const Ip6Address& addr, U32 len) {
 }
 
 Ip6Prefix::Ip6Prefix(std::string_view text) {
-  const size_t slash = text.find('/');
-  U32 len = 128;
-  if (!parse::ip6(text.substr(0, slash), addr_) ||
-      (slash != std::string_view::npos && !parse::length(text.substr(slash + 1), 128, len))) {
-    throw Basis::RangeException(fmt::format("invalid IPv6 prefix '{}'", text));
-  }
-  len_ = U8(len);
-  if (!validAsPrefix()) {
-    throw Basis::RangeException(fmt::format("invalid IPv6 prefix '{}': host bits set", text));
-  }
+  len_ = parseText(text, "IPv6", 128, parse::ip6, addr_);
+  refuseHostBits(validAsPrefix(), "IPv6", text);
 }
 
 Ip6Prefix Ip6Prefix::masked(const Ip6Address& addr, U32 len) {
