@@ -5,33 +5,15 @@
 
 #include "Depot/Table.h"
 #include "TrieLib/DepotTrie.h"
+#include "support/Changes.h"
 
 using namespace Routing::Lattice;
 using Addrkit::Ip6Prefix;
 using Addrkit::IpGenPrefix;
 using Addrkit::Prefix;
+using testkit::ChangeLog;
 
 namespace {
-
-// Every change the trie publishes, as field ids.
-class Recorder : public Kiln::Notifiee {
- public:
-  explicit Recorder(Trie& t) : trie_(t) {
-    trie_.publisher()->subscribe(this);
-    activeIs(true);
-  }
-  ~Recorder() override { trie_.publisher()->unsubscribe(this); }
-  void onChange(const Kiln::Change& c) override { changes.push_back(c); }
-  std::vector<Kiln::FieldId> fields() const {
-    std::vector<Kiln::FieldId> f;
-    for (auto& c : changes) f.push_back(c.field);
-    return f;
-  }
-  std::vector<Kiln::Change> changes;
-
- private:
-  Trie& trie_;
-};
 
 U64 count(const Trie& t, const char* name) { return t.counters().counter(name)->value(); }
 size_t records4(const Trie& t) {
@@ -56,7 +38,7 @@ TEST(TrieEntity, ANewTrieHoldsTheTwoRootRecordsAndNamesItsCollections) {
 
 TEST(TrieEntity, AttributesPublishTheOldValueOnlyOnChange) {
   auto trie = trieFactory("attrs");
-  Recorder rec(*trie);
+  ChangeLog rec(*trie);
   EXPECT_EQ(trie->getRootPrefix(), IpGenPrefix(rootPrefix6));  // an unset family reads as IPv6
   trie->afIs(Addrkit::AddressFamily::ipv4);
   trie->afIs(Addrkit::AddressFamily::ipv4);
@@ -74,7 +56,7 @@ TEST(TrieEntity, AttributesPublishTheOldValueOnlyOnChange) {
 
 TEST(TrieEntity, WritesAndRemovalsOfPresentKeysPublishAndEveryCallCounts) {
   auto trie = trieFactory("writes");
-  Recorder rec(*trie);
+  ChangeLog rec(*trie);
   TrieNode n(Prefix("10.0.0.0/8"));
   n.blackIs(2);
   trie->trieNodeIs(n);
@@ -102,7 +84,7 @@ TEST(TrieEntity, DelAllIsQuietWithoutSubscribersAndPublishesEachRecordWithThem) 
   for (bool listening : {false, true}) {
     auto trie = trieFactory("all");
     for (U32 i = 1; i <= 150; ++i) trie->trieNodeIs(TrieNode(Prefix::masked(i << 8, 24)));
-    std::optional<Recorder> rec;
+    std::optional<ChangeLog> rec;
     if (listening) rec.emplace(*trie);
     trie->trieNodeDelAll();
     EXPECT_EQ(records4(*trie), 0u);

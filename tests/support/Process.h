@@ -48,7 +48,6 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  pid_t pid() const { return pid_; }
   void signal(int sig) const { kill(pid_, sig); }
   // Exit status, 100 + the signal that ended it, or -1 when it did not end
   // within the timeout (it is then killed).

@@ -74,12 +74,6 @@ class Reference {
     auto it = set_.upper_bound(p);
     return it != set_.end() && it->af() == p.af() ? *it : IpGenPrefix();
   }
-  // The first stored prefix of a family.
-  IpGenPrefix first(Addrkit::AddressFamily af) const {
-    for (const auto& p : set_) if (p.af() == af) return p;
-    return {};
-  }
-
  private:
   Set set_;
 };
