@@ -49,7 +49,7 @@ TEST(TrieEntity, AttributesPublishTheOldValueOnlyOnChange) {
   EXPECT_EQ(trie->nodesVisitedCountInc(1), 0u);  // wraps
   EXPECT_EQ(trie->nodesVisitedCountInc(0), 0u);
   ASSERT_EQ(rec.fields(), (std::vector<Kiln::FieldId>{Trie::afId, Trie::initializedId, Trie::nodesVisitedCountId,
-                                                       Trie::nodesVisitedCountId}));
+                                                      Trie::nodesVisitedCountId}));
   EXPECT_EQ(std::any_cast<Addrkit::AddressFamily>(rec.changes[0].value), Addrkit::AddressFamily::none);
   EXPECT_EQ(std::any_cast<U32>(rec.changes[3].value), 4294967295u);
 }
@@ -72,7 +72,7 @@ TEST(TrieEntity, WritesAndRemovalsOfPresentKeysPublishAndEveryCallCounts) {
   trie->trieNodeCommit(stored);
   EXPECT_EQ(trie->trieNode(n.key()).black(), 7u);
   EXPECT_EQ(rec.fields(), (std::vector<Kiln::FieldId>{Trie::trieNodeId, Trie::trieNodeId, Trie::trieNode6Id,
-                                                       Trie::trieNodeId, Trie::trieNodeId}));
+                                                      Trie::trieNodeId, Trie::trieNodeId}));
   EXPECT_EQ(std::any_cast<Prefix>(rec.changes[0].value), n.key());
   EXPECT_EQ(count(*trie, "trieNodeIs"), 4u);  // a commit counts as a write
   EXPECT_EQ(count(*trie, "trieNodeDel"), 2u);
@@ -135,9 +135,10 @@ TEST(TrieNodeForms, TextFormRoundTripsAndAParseFailureStopsAtTheMismatch) {
             "Routing::Lattice::TrieNode6(key=2001:db8::/32, black0=0, black1=0, black2=7, black3=0, "
             "leftChild=ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/128, rightChild=2001:db8:8000::/33)");
   EXPECT_EQ(strepToValue(stringValue(n6), static_cast<TrieNode6*>(nullptr)), n6);
-  for (const auto& [bad, position] : std::vector<std::pair<std::string, size_t>>{
-           {"Routing::Lattice::TrieNode6(key=10.0.0.0/8)", 26}, {"Routing::Lattice::TrieNode(black=0)", 27},
-           {text.substr(0, text.size() - 1) + ", extra=1)", text.size() - 1}}) {
+  for (const auto& [bad, position] :
+       std::vector<std::pair<std::string, size_t>>{{"Routing::Lattice::TrieNode6(key=10.0.0.0/8)", 26},
+                                                   {"Routing::Lattice::TrieNode(black=0)", 27},
+                                                   {text.substr(0, text.size() - 1) + ", extra=1)", text.size() - 1}}) {
     Kiln::CharRange range(bad);
     EXPECT_THROW(TrieNode{range}, Kiln::ParseException) << bad;
     EXPECT_EQ(range.position(), position) << bad;
@@ -189,7 +190,8 @@ Basis::Ptr<Trie> loopedTrie4() {
 
 std::string assertion(const std::string& condition, const std::string& function) {
   std::string text = "assertion failed: " + condition + " (/src/TrieLib/DepotTrie: " + function + ")", out;
-  for (char ch : text) out += std::string(std::string_view("\\^$.|?*+()[]{}").find(ch) == std::string_view::npos ? "" : "\\") + ch;
+  for (char ch : text)
+    out += std::string(std::string_view("\\^$.|?*+()[]{}").find(ch) == std::string_view::npos ? "" : "\\") + ch;
   return out;
 }
 
@@ -200,8 +202,9 @@ TEST(TrieDepthDeathTest, ALoopedTableStopsTheProcessNamingTheGuard) {
   const std::string depth = "trieDepth++ <= 16", sig = "(Routing::Lattice::Trie*, const Addrkit::Prefix&)";
   EXPECT_DEATH(loopedTrie4()->prefixIs(p), assertion(depth, "void Routing::Lattice::prefixIs4" + sig));
   EXPECT_DEATH(loopedTrie4()->prefixDel(p), assertion(depth, "bool Routing::Lattice::prefixDel4" + sig));
-  EXPECT_DEATH(loopedTrie4()->lpm(p), assertion(depth, "Routing::Lattice::TrieNode Routing::Lattice::lpm4Node(const "
-                                                       "Routing::Lattice::Trie*, const Addrkit::Prefix&)"));
+  EXPECT_DEATH(loopedTrie4()->lpm(p), assertion(depth,
+                                                "Routing::Lattice::TrieNode Routing::Lattice::lpm4Node(const "
+                                                "Routing::Lattice::Trie*, const Addrkit::Prefix&)"));
   EXPECT_DEATH(loopedTrie4()->getNext(IpGenPrefix(rootPrefix)),
                assertion("recursionDepth++ <= trie->ipv4TrieMaxDepth() && \"recursion depth exceeded\"",
                          "Addrkit::IpGenPrefix Routing::Lattice::doGetNext4(const Routing::Lattice::Trie*, const "

@@ -63,7 +63,8 @@ void expectSameAnswers(const Trie& t, const Reference& ref, PrefixGen& gen) {
     // The consistent reader's buffered walk honours skip and abort as the direct walk does.
     for (int w = 0; w < 20 && !want.empty(); ++w) {
       std::map<std::string, WalkAction> answers;
-      for (int k = 0; k < 6; ++k) answers[want[gen.rng() % want.size()].stringValue()] = WalkAction(k % 3 + (k == 5 ? 7 : 0));
+      for (int k = 0; k < 6; ++k)
+        answers[want[gen.rng() % want.size()].stringValue()] = WalkAction(k % 3 + (k == 5 ? 7 : 0));
       const IpGenPrefix from = w < 2 ? families[v6] : want[gen.rng() % want.size()];
       ASSERT_EQ(walkText(reader, from, answers), walkText(t, from, answers)) << "walk from " << from;
     }

@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 
 #include "TrieLib/ConsistentRead.h"
-#include "TrieLib/TrieMount.h"
 #include "TrieLib/TrieCheck.h"
+#include "TrieLib/TrieMount.h"
 #include "support/Changes.h"
 #include "support/Generate.h"
 #include "support/Process.h"
@@ -97,8 +97,10 @@ TEST(TrieUpdates, EachMutationIsOneUpdateOfItsFamilysTableOnly) {
     const U64 before = own.updateCounter(), otherBefore = other.updateCounter();
     std::vector<U64> seen;  // the counter at every record change
     ChangeLog log(*t, [&](const Kiln::Change&) { seen.push_back(own.updateCounter()); });
-    if (step[0] == '+') t->prefixIs(p);
-    else EXPECT_TRUE(t->prefixDel(p));
+    if (step[0] == '+')
+      t->prefixIs(p);
+    else
+      EXPECT_TRUE(t->prefixDel(p));
     EXPECT_GE(seen.size(), 3u) << step;
     EXPECT_THAT(seen, testing::Each(before + 1)) << step;
     EXPECT_EQ(own.updateCounter(), before + 2) << step;
@@ -149,9 +151,12 @@ namespace {
 // What a query answers, as text; walks skip and abort by a hash of the prefix.
 std::string answer(Trie& direct, ConsistentReader* reader, int kind, const IpGenPrefix& p) {
   switch (kind) {
-    case 0: return (reader ? reader->lpm(p) : direct.lpm(p)).stringValue();
-    case 1: return (reader ? reader->longestMatch(p) : direct.longestMatch(p)).stringValue();
-    case 2: return (reader ? reader->getNext(p) : direct.getNext(p)).stringValue();
+    case 0:
+      return (reader ? reader->lpm(p) : direct.lpm(p)).stringValue();
+    case 1:
+      return (reader ? reader->longestMatch(p) : direct.longestMatch(p)).stringValue();
+    case 2:
+      return (reader ? reader->getNext(p) : direct.getNext(p)).stringValue();
   }
   std::map<std::string, WalkAction> answers;
   for (const char* s : {"10.0.0.0/8", "2001:db8::/32"}) answers[s] = skipSubtree;
@@ -181,15 +186,17 @@ TEST(TrieProcesses, ConsistentReadersOnlySeeStatesBetweenUpdates) {
         const size_t first = shared->done.load();
         last = first == ops.size();
         const int kind = gen.rng() % 4;
-        IpGenPrefix p = kind == 3 && gen.rng() % 3 == 0 ? (gen.rng() % 2 ? IpGenPrefix(rootPrefix) : IpGenPrefix(rootPrefix6))
-                                                        : gen.hostInside(ops[gen.rng() % ops.size()].prefix);
+        IpGenPrefix p = kind == 3 && gen.rng() % 3 == 0
+                            ? (gen.rng() % 2 ? IpGenPrefix(rootPrefix) : IpGenPrefix(rootPrefix6))
+                            : gen.hostInside(ops[gen.rng() % ops.size()].prefix);
         if (p == IpGenPrefix("0.0.0.0/32") || p == IpGenPrefix("::/128")) continue;
         const std::string got = answer(*t, &reader, kind, p);
         shared->answered++;
         const size_t lastState = std::min(shared->done.load() + 1, ops.size());
         bool matched = false;
         for (size_t s = std::max(first, at); s <= lastState && !matched; ++s) {
-          for (; at < s; ++at) ops[at].insert ? replay->prefixIs(ops[at].prefix) : (void)replay->prefixDel(ops[at].prefix);
+          for (; at < s; ++at)
+            ops[at].insert ? replay->prefixIs(ops[at].prefix) : (void)replay->prefixDel(ops[at].prefix);
           matched = answer(*replay, nullptr, kind, p) == got;
         }
         if (!matched) {
@@ -245,9 +252,11 @@ TEST(TrieProcesses, AKilledWriterLeavesTheStateOfItsLastOrNextOperation) {
     auto t = trieWriterNew("C", root.options);
     ASSERT_EQ(checkTrie(*t), std::vector<std::string>()) << "kill " << round << " after " << returned;
     Reference before, after;
-    for (size_t i = 0; i < returned; ++i) ops[i].insert ? (void)before.insert(ops[i].prefix) : (void)before.erase(ops[i].prefix);
+    for (size_t i = 0; i < returned; ++i)
+      ops[i].insert ? (void)before.insert(ops[i].prefix) : (void)before.erase(ops[i].prefix);
     after = before;
-    if (returned < ops.size()) ops[returned].insert ? (void)after.insert(ops[returned].prefix) : (void)after.erase(ops[returned].prefix);
+    if (returned < ops.size())
+      ops[returned].insert ? (void)after.insert(ops[returned].prefix) : (void)after.erase(ops[returned].prefix);
     const auto now = stored(*t);
     ASSERT_TRUE(now == stored(before) || now == stored(after)) << "kill " << round << " after " << returned;
     applied = now == stored(before) ? returned : std::min(returned + 1, ops.size());

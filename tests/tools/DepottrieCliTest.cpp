@@ -1,5 +1,5 @@
 // The depottrie binary run as a user runs it, for what the session files
-// cannot show: help on every command, damage made by a live writer, tracing.
+// cannot show: damage made by a writer that is still alive.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,17 +30,6 @@ Result run(const std::string& args, const std::string& input = "") {
 
 }  // namespace
 
-TEST(DepottrieCli, EveryCommandHasHelp) {
-  const Result top = run("--help");
-  EXPECT_EQ(top.status, 0);
-  for (const char* sub : {"load", "lookup", "list", "next", "stats", "check", "drop", "batch", "bench"}) {
-    EXPECT_THAT(top.out, HasSubstr(sub));
-    const Result r = run(fmt::format("{} --help", sub));
-    EXPECT_EQ(r.status, 0) << sub;
-    EXPECT_THAT(r.out, HasSubstr("--name")) << sub;
-  }
-}
-
 TEST(DepottrieCli, CheckFindsDamageALiveWriterMadeAndASecondWriterIsRefused) {
   testkit::TempRoot root;
   const std::string shared = "--root " + root.path + " ";
@@ -59,12 +48,4 @@ TEST(DepottrieCli, CheckFindsDamageALiveWriterMadeAndASecondWriterIsRefused) {
   EXPECT_THAT(second.out, testing::StartsWith("depottrie: "));
   const Result stats = run(shared + "stats --name t");
   EXPECT_THAT(stats.out, HasSubstr("prefixes: 2 IPv4, 0 IPv6"));
-}
-
-TEST(DepottrieCli, TraceOptionSwitchesOnLibraryTracing) {
-  EXPECT_EQ(run("batch --local", "add 10.0.0.0/8\\n").out, "");
-  const Result traced = run("--trace DepotTrie/8 batch --local", "add 10.0.0.0/8\\n");
-  EXPECT_EQ(traced.status, 0);
-  EXPECT_THAT(traced.out, HasSubstr("[DepotTrie:8] prefixIs4 Inserting prefix: 10.0.0.0/8"));
-  EXPECT_EQ(run("--trace DepotTrie/x batch --local").status, 1);
 }
