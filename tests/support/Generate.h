@@ -17,7 +17,13 @@ class PrefixGen {
   explicit PrefixGen(U32 seed, bool evenOnly = false) : rng(seed), evenOnly_(evenOnly) {
     bases4_ = {0x00000000u, 0xFFFFFF00u, 0x0A000000u, 0x0A010200u, 0xC0A80000u, U32(rng()), U32(rng())};
   }
-  U32 host4() { return bases4_[rng() % bases4_.size()] ^ (U32(rng()) & (0xFFFFFFFFu >> (4 + rng() % 26))); }
+  // Each draw is its own statement: the order of evaluation of operands is
+  // unspecified, and a sequence must not change with the compiler's flags.
+  U32 host4() {
+    const U32 base = bases4_[rng() % bases4_.size()];
+    const U32 noise = U32(rng());
+    return base ^ (noise & (0xFFFFFFFFu >> (4 + rng() % 26)));
+  }
   Addrkit::Ip6Address addr6() {
     Addrkit::Ip6Address a;
     a.wordIs(0, rng() % 16 == 0 ? ~0u : 0x20010DB8u ^ U32(rng() % 4));
@@ -40,7 +46,9 @@ class PrefixGen {
   }
   IpGenPrefix prefix6() {
     for (;;) {
-      auto p = Addrkit::Ip6Prefix::masked(addr6(), rng() % 4 == 0 ? rng() % 129 : 32 + rng() % 97);
+      const Addrkit::Ip6Address a = addr6();
+      const U32 len = rng() % 4 == 0 ? rng() % 129 : 32 + rng() % 97;
+      auto p = Addrkit::Ip6Prefix::masked(a, len);
       bool zero = true, ones = true;
       for (unsigned k = 0; k < 4; ++k) zero = zero && p.word(k) == 0, ones = ones && p.word(k) == ~0u;
       if (p.len() == 128 && (zero || ones)) continue;

@@ -51,7 +51,7 @@ class Child {
   void signal(int sig) const { kill(pid_, sig); }
   // Exit status, 100 + the signal that ended it, or -1 when it did not end
   // within the timeout (it is then killed).
-  int wait(std::chrono::milliseconds timeout = std::chrono::seconds(120)) {
+  int wait(std::chrono::milliseconds timeout = std::chrono::seconds(90)) {
     const auto until = std::chrono::steady_clock::now() + timeout;
     int status = 0;
     for (;;) {
@@ -79,7 +79,7 @@ class Child {
 
 // Polls cond until it holds or the timeout passes; false on timeout.
 inline bool eventually(const std::function<bool()>& cond,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+                       std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
   const auto until = std::chrono::steady_clock::now() + timeout;
   while (!cond()) {
     if (std::chrono::steady_clock::now() > until) return false;
