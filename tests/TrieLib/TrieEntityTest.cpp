@@ -24,18 +24,6 @@ size_t records4(const Trie& t) {
 
 }  // namespace
 
-TEST(TrieEntity, ANewTrieHoldsTheTwoRootRecordsAndNamesItsCollections) {
-  auto trie = trieFactory("birth");
-  EXPECT_EQ(trie->trieNode(rootPrefix), TrieNode(rootPrefix));
-  EXPECT_EQ(trie->trieNode6(rootPrefix6), TrieNode6(rootPrefix6));
-  EXPECT_EQ(records4(*trie), 1u);
-  EXPECT_EQ(count(*trie, "trieNodeIs") + count(*trie, "trieNode6Is"), 2u);
-  EXPECT_EQ(trie->trieNodeMap().name(), "birth/trieNode");
-  EXPECT_EQ(trie->trieNode6Map().name(), "birth/trieNode6");
-  EXPECT_EQ(TrieNode().key(), prefix00);  // the default record an absent key reads as
-  EXPECT_EQ(TrieNode().child(3), nullPrefix);
-}
-
 TEST(TrieEntity, AttributesPublishTheOldValueOnlyOnChange) {
   auto trie = trieFactory("attrs");
   ChangeLog rec(*trie);

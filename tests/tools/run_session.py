@@ -51,7 +51,7 @@ def render(step, out, err, status):
 
 def main():
     update = "--update" in sys.argv
-    binary, path = [a for a in sys.argv[1:] if a != "--update"][:2]
+    binary, path = [os.path.abspath(a) for a in sys.argv[1:] if a != "--update"][:2]
     data = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../data")
     steps, tail = parse(open(path).read().splitlines())
     want, got = [], []
