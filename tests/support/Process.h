@@ -88,8 +88,7 @@ inline bool eventually(const std::function<bool()>& cond,
   return true;
 }
 
-// Counters in anonymous shared memory, seen by every process forked after it
-// was made, surviving a process killed on the spot.
+// Counters in shared memory: every process forked later sees them, even killed.
 struct Shared {
   std::atomic<uint64_t> done;      // operations the writer completed
   std::atomic<uint64_t> ready;     // processes ready to start
