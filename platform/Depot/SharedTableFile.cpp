@@ -23,13 +23,6 @@ constexpr U64 maxReserveChunk = U64(1) << 18;
 
 U64 roundUp(U64 v, U64 to) { return (v + to - 1) / to * to; }
 
-U64 headerChecksum(const Header& h) {
-  const U8* p = reinterpret_cast<const U8*>(&h);
-  U64 sum = 0xcbf29ce484222325ull;
-  for (size_t i = 0; i < offsetof(Header, checksum); ++i) sum = (sum ^ p[i]) * 0x100000001b3ull;
-  return sum;
-}
-
 std::string typeText(std::string_view name, U32 size, U32 keyOffset, U32 keySize) {
   return fmt::format("{} records ({} bytes, key of {} bytes at {})", name, size, keySize, keyOffset);
 }
@@ -276,5 +269,12 @@ std::vector<std::string> leftoverFiles(const std::string& path) {
 }
 
 std::string generationFileName(const std::string& path, U64 generation) { return fmt::format("{}.g{}", path, generation); }
+
+U64 headerChecksum(const Header& h) {
+  const U8* p = reinterpret_cast<const U8*>(&h);
+  U64 sum = 0xcbf29ce484222325ull;
+  for (size_t i = 0; i < offsetof(Header, checksum); ++i) sum = (sum ^ p[i]) * 0x100000001b3ull;
+  return sum;
+}
 
 }  // namespace Depot::sharedfile

@@ -89,6 +89,9 @@ struct Header {
   U32 journalCount;
 };
 
+// FNV-1a over the header's bytes before its checksum field.
+U64 headerChecksum(const Header& h);
+
 inline U64 loadAcquire(const U64& v) { return std::atomic_ref<U64>(const_cast<U64&>(v)).load(std::memory_order_acquire); }
 inline U64 loadRelaxed(const U64& v) { return std::atomic_ref<U64>(const_cast<U64&>(v)).load(std::memory_order_relaxed); }
 inline void storeRelease(U64& v, U64 x) { std::atomic_ref<U64>(v).store(x, std::memory_order_release); }

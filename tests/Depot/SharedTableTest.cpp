@@ -199,6 +199,8 @@ TEST_F(SharedTable, ASecondWriterIsRefusedAndTheNextKeepsEveryRecordAndCount) {
 TEST_F(SharedTable, AttachingToABadFileFailsNamingIt) {
   const std::string good = path;
   writer(100);
+  // A field set to 0 under a checksum that matches again.
+  auto forge = [](auto field) { return [field](const std::string& p) { auto m = damageable(p); m->header().*field = 0; m->header().checksum = Depot::sharedfile::headerChecksum(m->header()); }; };
   auto flip = [](size_t at) { return [at](const std::string& p) { reinterpret_cast<U8*>(&damageable(p)->header())[at] ^= 0x20; }; };
   const std::vector<std::tuple<std::string, std::function<void(const std::string&)>, std::string>> cases{
       {"missing", [](const std::string& p) { fs::remove(p); }, " does not exist"},
@@ -206,7 +208,8 @@ TEST_F(SharedTable, AttachingToABadFileFailsNamingIt) {
       {"short", [](const std::string& p) { fs::resize_file(p, fs::file_size(p) - 1); }, ": truncated"},
       {"checksummedTypeNamePadding", flip(offsetof(Header, typeName) + 41), ": damaged header"},
       {"lastChecksummedByte", flip(offsetof(Header, checksum) - 1), ": damaged header"},
-      {"journalCount", [](const std::string& p) { damageable(p)->header().journalCount = 33; }, ": damaged journal"}};
+      {"journalCount", [](const std::string& p) { damageable(p)->header().journalCount = 33; }, ": damaged journal"},
+      {"forgedGeneration", forge(&Header::generation), ": damaged header"}, {"forgedStride", forge(&Header::stride), ": damaged header"}};
   for (const auto& [name, damage, says] : cases) {
     fs::copy_file(good, path = root.file(name));
     damage(path);

@@ -25,12 +25,12 @@ std::string tablePath;
 
 void removeTableDir() { std::filesystem::remove_all(tableDir); }
 
-// The header checksum as the writer computes it (FNV-1a over the bytes
-// before the checksum field).
+// The header checksum as the writer computes it.
 void refreshHeaderChecksum(std::vector<U8>& file) {
   if (file.size() < sizeof(Header)) return;
-  U64 sum = 0xcbf29ce484222325ull;
-  for (size_t i = 0; i < offsetof(Header, checksum); ++i) sum = (sum ^ file[i]) * 0x100000001b3ull;
+  Header h;
+  std::memcpy(&h, file.data(), sizeof h);
+  const U64 sum = Depot::sharedfile::headerChecksum(h);
   std::memcpy(file.data() + offsetof(Header, checksum), &sum, sizeof sum);
 }
 
