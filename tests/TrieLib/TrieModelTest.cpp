@@ -188,8 +188,10 @@ TEST(TrieModel, TheDeepestTriesOfBothFamiliesWork) {
     EXPECT_EQ(t->lpm(spine), spine);
   }
   EXPECT_EQ(checkTrie(*t), std::vector<std::string>());
-  EXPECT_EQ(trieStats(*t).v4.depthCount.size(), 17u);
-  EXPECT_EQ(trieStats(*t).v6.depthCount.size(), 129u);
+  const TrieStats stats = trieStats(*t);
+  EXPECT_EQ(stats.v4.depthCount.size(), 17u);
+  EXPECT_EQ(stats.v6.depthCount.size(), 129u);
+  EXPECT_EQ(stats.v4.records, t->trieNodeMap().table().occupancy());
   PrefixGen queries(4);
   ASSERT_NO_FATAL_FAILURE(expectSameAnswers(*t, ref, queries));
   for (const IpGenPrefix& p : std::vector<IpGenPrefix>(ref.all().rbegin(), ref.all().rend())) {

@@ -44,9 +44,7 @@ class Child {
       waitpid(pid_, nullptr, 0);
     }
   }
-  Child(Child&& o) noexcept : pid_(o.pid_) { o.pid_ = -1; }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
+  Child(Child&& o) noexcept : pid_(o.pid_) { o.pid_ = -1; }  // and no copies
 
   void signal(int sig) const { kill(pid_, sig); }
   // Exit status, 100 + the signal that ended it, or -1 when it did not end
