@@ -23,8 +23,7 @@ using testing::HasSubstr;
 namespace {
 
 struct Root : TempRoot {
-  Root() { options.root = path; }
-  MountOptions options;
+  MountOptions options{.root = path};
 };
 
 void apply(Trie& t, Reference& ref, const Op& op) {
