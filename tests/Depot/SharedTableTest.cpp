@@ -317,6 +317,24 @@ TEST(SharedTableProcesses, ReadersNeverSeeATornRecordNorMissAKeyThatStays) {
   EXPECT_EQ(std::pair(c->answered > 20000, contents(*Depot::SharedTable::readerNew(node4, path))), std::pair(true, model));
 }
 
+// Two writers creating one new table at the same moment: one creates it, the other is refused as its second writer.
+TEST(SharedTableProcesses, WritersRacingToCreateATableMeetOneWriter) {
+  testkit::TempRoot root;
+  for (int round = 0; round < 30; ++round) {
+    testkit::SharedCounters c;  // done: writers that got the table; answered: racers that are through
+    auto race = [&, path = root.file(fmt::format("T{}/trieNode", round))] {
+      for (++c->ready; c->ready < 2;) {}
+      try {
+        auto t = Depot::SharedTable::writerNew(node4, path, {});
+        return ++c->done, ++c->answered, testkit::eventually([&] { return c->answered == 2; }, std::chrono::seconds(5)) ? 0 : 2;
+      } catch (const Depot::WriterBusyException&) { return ++c->answered, 0; }
+    };
+    testkit::Child a(race), b(race);
+    const int statusA = a.wait(), statusB = b.wait();
+    ASSERT_EQ(std::tuple(statusA, statusB, c->done.load()), std::tuple(0, 0, 1ul)) << "round " << round;
+  }
+}
+
 // Killed at a random moment (writing a slot, journaling, growing, or recovering from the kill before), or right after a
 // change in mid-update moved the table to a new generation, a writer leaves the records of the last update it finished
 // or of the next. Nobody waits for it: a reader attached all along answers, and the next writer opens the file at once.

@@ -34,16 +34,12 @@ void expectSameAnswers(const Trie& t, const Reference& ref, PrefixGen& gen) {
     const auto want = ref.family(v6 ? Addrkit::AddressFamily::ipv6 : Addrkit::AddressFamily::ipv4);
     ASSERT_EQ(successors(t, families[v6], want.size()), want) << "successor chain, IPv" << (v6 ? 6 : 4);
     ASSERT_EQ(walkFamily(t, v6), want) << "whole-family walk, IPv" << (v6 ? 6 : 4);
-    for (const IpGenPrefix& p : want) {
-      ASSERT_EQ(t.lpm(p), p) << "lpm of stored " << p;
-    }
+    for (const IpGenPrefix& p : want) ASSERT_EQ(t.lpm(p), p) << "lpm of stored " << p;
     for (int q = 0; q < 100; ++q) {
       IpGenPrefix host = gen.host(v6), start = gen.prefix(v6);
-      {
-        ASSERT_EQ(t.longestMatch(host), ref.longestMatch(host)) << "longestMatch " << host;
-        ASSERT_EQ(reader.longestMatch(host), ref.longestMatch(host)) << "consistent longestMatch " << host;
-        ASSERT_EQ(reader.lpm(host), t.lpm(host)) << "consistent lpm " << host;
-      }
+      ASSERT_EQ(t.longestMatch(host), ref.longestMatch(host)) << "longestMatch " << host;
+      ASSERT_EQ(reader.longestMatch(host), ref.longestMatch(host)) << "consistent longestMatch " << host;
+      ASSERT_EQ(reader.lpm(host), t.lpm(host)) << "consistent lpm " << host;
       ASSERT_EQ(t.getNext(start), ref.next(start)) << "getNext " << start;
       ASSERT_EQ(reader.getNext(start), ref.next(start)) << "consistent getNext " << start;
     }

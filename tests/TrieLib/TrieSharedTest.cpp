@@ -27,13 +27,8 @@ struct Root : TempRoot {
 };
 
 void apply(Trie& t, Reference& ref, const Op& op) {
-  if (op.insert) {
-    t.prefixIs(op.prefix);
-    ref.insert(op.prefix);
-  } else {
-    t.prefixDel(op.prefix);
-    ref.erase(op.prefix);
-  }
+  if (op.insert) t.prefixIs(op.prefix), ref.insert(op.prefix);
+  else t.prefixDel(op.prefix), ref.erase(op.prefix);
 }
 
 // Both families in walk order, as one list.
@@ -119,12 +114,8 @@ TEST(ConsistentRead, AWriterStuckMidUpdateIsReportedAndTheNextWriterSettlesIt) {
   options.stuckAfterMs = 50;
   ConsistentReader reader(*r, options);
   auto expectStuck = [&] {
-    EXPECT_THROW(
-        try { reader.lpm(IpGenPrefix("10.1.2.3")); } catch (const ConsistentReadException& e) {
-          EXPECT_THAT(e.what(), HasSubstr("trie T: the writer of T/trieNode appears stuck mid-update"));
-          throw;
-        },
-        ConsistentReadException);
+    EXPECT_THAT([&] { reader.lpm(IpGenPrefix("10.1.2.3")); },
+                testing::ThrowsMessage<ConsistentReadException>(HasSubstr("trie T: the writer of T/trieNode appears stuck mid-update")));
   };
   w->trieNodeMap().updateBegin();
   expectStuck();
@@ -151,14 +142,9 @@ namespace {
 
 // What a query answers, as text; walks skip and abort by a hash of the prefix.
 std::string answer(Trie& direct, ConsistentReader* reader, int kind, const IpGenPrefix& p) {
-  switch (kind) {
-    case 0:
-      return (reader ? reader->lpm(p) : direct.lpm(p)).stringValue();
-    case 1:
-      return (reader ? reader->longestMatch(p) : direct.longestMatch(p)).stringValue();
-    case 2:
-      return (reader ? reader->getNext(p) : direct.getNext(p)).stringValue();
-  }
+  if (kind == 0) return (reader ? reader->lpm(p) : direct.lpm(p)).stringValue();
+  if (kind == 1) return (reader ? reader->longestMatch(p) : direct.longestMatch(p)).stringValue();
+  if (kind == 2) return (reader ? reader->getNext(p) : direct.getNext(p)).stringValue();
   std::map<std::string, WalkAction> answers;
   for (const char* s : {"10.0.0.0/8", "2001:db8::/32"}) answers[s] = skipSubtree;
   return reader ? walkText(*reader, p, answers) : walkText(direct, p, answers);
