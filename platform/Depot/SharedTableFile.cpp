@@ -1,5 +1,7 @@
 #include "Depot/SharedTableFile.h"
 
+#include "Depot/FaultInjection.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -122,7 +124,9 @@ std::unique_ptr<Mapping> Mapping::attach(int fd, const std::string& path, const 
     close(fd);
     throw;
   }
-  void* base = mmap(nullptr, g.fileSize, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  void* base = injectedFailure(ENOMEM) ? (errno = ENOMEM, MAP_FAILED)
+                                       : mmap(nullptr, g.fileSize, writable ? PROT_READ | PROT_WRITE : PROT_READ,
+                                              MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) {
     int err = errno;
     close(fd);
@@ -141,9 +145,12 @@ std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLa
     return SharedFileException(fmt::format("cannot {} {}: {}", what, file, errnoText(err)));
   };
   if (fchmod(fd, mode & 0777) != 0) throw fail("set the mode of", errno);
+  if (int err = injectedFailure(ENOSPC)) throw fail("size", err);
   if (ftruncate(fd, off_t(g.fileSize)) != 0) throw fail("size", errno);
-  if (int err = posix_fallocate(fd, 0, off_t(g.slotsOffset))) throw fail("reserve memory for", err);
+  if (int err = injectedFailure(ENOSPC) ? ENOSPC : posix_fallocate(fd, 0, off_t(g.slotsOffset)))
+    throw fail("reserve memory for", err);
   if (!takeWriterLock(fd)) throw fail("lock", errno);
+  if (int err = injectedFailure(ENOMEM)) throw fail("map", err);
   void* base = mmap(nullptr, g.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) throw fail("map", errno);
   auto m = std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, generation));
@@ -194,7 +201,7 @@ void Mapping::reserveSlots(U64 slots) {
   U64 chunk = roundUp(std::clamp(geometry_.capacity * geometry_.stride / 64, pageBytes, maxReserveChunk), pageBytes);
   U64 want = std::min(geometry_.fileSize, roundUp(geometry_.slotsOffset + slots * geometry_.stride, chunk));
   if (want <= reservedBytes_) return;
-  if (int err = posix_fallocate(fd_, off_t(reservedBytes_), off_t(want - reservedBytes_)))
+  if (int err = injectedFailure(ENOSPC) ? ENOSPC : posix_fallocate(fd_, off_t(reservedBytes_), off_t(want - reservedBytes_)))
     throw Basis::SystemException(fmt::format("cannot reserve {} bytes of shared memory: {}", want, errnoText(err)));
   populate(reservedBytes_, want);
   reservedBytes_ = want;
@@ -204,7 +211,8 @@ void Mapping::copySlots(const Mapping& from, U64 slots) {
   const U8* src = from.slot(0);
   const U64 bytes = slots * geometry_.stride;
   for (U64 done = 0; done < bytes;) {
-    ssize_t n = pwrite(fd_, src + done, bytes - done, off_t(geometry_.slotsOffset + done));
+    ssize_t n = injectedFailure(ENOSPC) ? (errno = ENOSPC, -1)
+                                        : pwrite(fd_, src + done, bytes - done, off_t(geometry_.slotsOffset + done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0)
       throw Basis::SystemException(fmt::format("cannot copy {} bytes of shared memory: {}", bytes,

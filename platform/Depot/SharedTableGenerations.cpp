@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Depot/FaultInjection.h"
 #include "Depot/SharedTableWriter.h"
 
 namespace Depot::sharedfile {
@@ -45,8 +46,9 @@ std::unique_ptr<Mapping> SharedTableWriter::createFirstGeneration(const RecordLa
 void SharedTableWriter::grow() {
   const U64 wanted = std::max(loadRelaxed(map_->header().minCapacity),
                               (occupancy_ + 1) * growNumerator / growDenominator + 1);
-  const Geometry g = geometryFor(layout_, std::max(wanted, highWater_), options_.maxEntries);
-  if (g.capacity <= occupancy_ || g.capacity < highWater_) throw TableFullException(occupancy_, capacity(), path_);
+  const U64 top = std::max(highWater_, updateHighWater_);
+  const Geometry g = geometryFor(layout_, std::max(wanted, top), options_.maxEntries);
+  if (g.capacity <= occupancy_ || g.capacity < top) throw TableFullException(occupancy_, capacity(), path_);
   rebuild(g);
 }
 
@@ -60,7 +62,7 @@ void SharedTableWriter::maybeShrink() {
   if (g.capacity * 2 > cap) return;
   try {
     rebuild(g);
-  } catch (const Basis::Exception& e) {
+  } catch (const std::exception& e) {
     Basis::debugHandler("DepotShared").logf(0, "{}: not shrunk: {}", path_, e.what());
   }
 }
@@ -73,6 +75,9 @@ void SharedTableWriter::rebuild(const Geometry& g) {
   auto next = Mapping::create(file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, options_.mode);
   try {
     next->copySlots(*map_, top);
+    // An update in progress may put records back below its own high-water
+    // mark when it is undone.
+    if (inBracket_) next->reserveSlots(updateHighWater_);
   } catch (...) {
     unlink(file.c_str());
     throw;
@@ -85,8 +90,7 @@ void SharedTableWriter::rebuild(const Geometry& g) {
   h.occupancy = kept;
   h.highWater = top;
   storeRelease(map_->header().successor, gen);
-  if (rename(file.c_str(), path_.c_str()) != 0) {
-    int err = errno;
+  if (int err = injectedFailure(EIO) ? EIO : rename(file.c_str(), path_.c_str()) != 0 ? errno : 0) {
     storeRelease(map_->header().successor, 0);
     unlink(file.c_str());
     throw SharedFileException(fmt::format("cannot put generation {} in place of {}: {}", gen, path_, std::strerror(err)));

@@ -3,6 +3,8 @@
 // reader relies on are at the top of SharedTableIndex.h.
 #include "Depot/SharedTableIndex.h"
 
+#include "Depot/FaultInjection.h"
+
 #include <fmt/format.h>
 
 #include <bit>
@@ -72,6 +74,7 @@ void deleteEntry(Mapping& m, U64 position, U64& tombstones) {
 // from front to back.
 U64 buildIndex(Mapping& m, const Keys& keys, U64 top, U64 expected, const std::function<void(U64 slot)>& dropped) {
   const Geometry& g = m.geometry();
+  if (injectedFailure(ENOMEM)) throw std::bad_alloc();
   std::vector<U64> items;
   items.reserve(expected);
   for (U64 s = 0; s < top; ++s) {

@@ -97,45 +97,77 @@ void SharedTableWriter::recover() {
     if (entries != 0) storeRelease(map_->header().journalCount, 0);
     return;
   }
-  std::vector<U8> record(layout_.recordSize);
-  inBracket_ = recovering_ = true;
-  for (U32 i = entries; i-- > 0;) {
-    std::memcpy(record.data(), map_->journalRecord(i), layout_.recordSize);
-    if (loadRelaxed(map_->journalFlags(i)) & journalPresent) write(record.data());
-    else remove(keys_.of(record.data()), scratch_.data());
+  inBracket_ = true;
+  updateHighWater_ = highWater_;
+  rollBack();
+  updateEnd();
+}
+
+// Puts back, newest first, the records the open update changed, as its
+// journal saved them. Needs no growth and no new slot memory: the records
+// fitted below the update's high-water mark before, and the free slots
+// there are reserved.
+void SharedTableWriter::rollBack() {
+  recovering_ = true;
+  try {
+    for (U32 i = journalUsed_; i-- > 0;) {
+      std::memcpy(undoRecord_.data(), map_->journalRecord(i), layout_.recordSize);
+      if (loadRelaxed(map_->journalFlags(i)) & journalPresent) put(undoRecord_.data());
+      else take(keys_.of(undoRecord_.data()), scratch_.data());
+    }
+  } catch (...) {
+    recovering_ = false;
+    throw;
   }
   recovering_ = false;
-  updateEnd();
+}
+
+void SharedTableWriter::refuseIfBroken() const {
+  if (!broken_.empty())
+    throw SharedFileException(fmt::format("{}: this writer could not undo a failed update ({}); the next writer "
+                                          "of the table undoes it",
+                                          path_, broken_));
 }
 
 void SharedTableWriter::updateBegin() {
   BASIS_ASSERT(!inBracket_, sourcePath);
-  beginUpdate();
+  refuseIfBroken();
   inBracket_ = true;
-}
-
-void SharedTableWriter::updateEnd() {
-  BASIS_ASSERT(inBracket_, sourcePath);
-  inBracket_ = false;
-  endUpdate();
-}
-
-void SharedTableWriter::beginUpdate() {
-  if (inBracket_) return;
+  updateHighWater_ = highWater_;
   storeRelaxed(map_->header().updateCounter, counter_ + 1);
   std::atomic_thread_fence(std::memory_order_release);
 }
 
 // The counter goes even before the journal empties: a writer stopped in
 // between leaves a complete update and a journal that the next one drops.
-void SharedTableWriter::endUpdate() {
-  if (inBracket_) return;
+// A table that the update left mostly empty shrinks after it, outside any
+// update.
+void SharedTableWriter::updateEnd() {
+  BASIS_ASSERT(inBracket_, sourcePath);
+  inBracket_ = false;
   counter_ += 2;
   storeRelease(map_->header().updateCounter, counter_);
   storeOrder();
-  if (journalUsed_ == 0) return;
-  journalUsed_ = 0;
-  storeRelease(map_->header().journalCount, 0);
+  if (journalUsed_ != 0) {
+    journalUsed_ = 0;
+    storeRelease(map_->header().journalCount, 0);
+  }
+  maybeShrink();
+}
+
+// An undo that fails all the same (damage met on the way) leaves the update
+// open, as a killed writer would: its journal is intact for the next writer.
+void SharedTableWriter::updateAbort() {
+  BASIS_ASSERT(inBracket_, sourcePath);
+  try {
+    rollBack();
+  } catch (const std::exception& e) {
+    inBracket_ = false;
+    broken_ = e.what();
+    reportCorruption(fmt::format("an update could not be undone: {}", broken_));
+    return;
+  }
+  updateEnd();
 }
 
 void SharedTableWriter::publishCounts() {

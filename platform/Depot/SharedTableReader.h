@@ -177,6 +177,7 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   void commit(const U8*) override { refuse(); }
   void updateBegin() override { refuse(); }
   void updateEnd() override { refuse(); }
+  void updateAbort() override { refuse(); }
 
  private:
   friend class SharedTableBase<SharedTableReader>;

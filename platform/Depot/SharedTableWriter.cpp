@@ -15,12 +15,17 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <exception>
+#include <new>
 
 namespace Depot::sharedfile {
 
 SharedTableWriter::SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
                                      std::unique_ptr<Mapping> m)
-    : SharedTableBase(layout, std::move(path), std::move(m)), options_(options), scratch_(layout.recordSize) {
+    : SharedTableBase(layout, std::move(path), std::move(m)),
+      options_(options),
+      scratch_(layout.recordSize),
+      undoRecord_(layout.recordSize) {
   counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
   tombstones_ = countTombstones(*map_);
   rescan(std::min(loadRelaxed(map_->header().highWater), capacity()));
@@ -46,7 +51,32 @@ bool SharedTableWriter::iterFrom(const U8* key, U64& hint, U8* out) const {
   return true;
 }
 
-void SharedTableWriter::write(const U8* record) {
+// Every change is an update; when it is not inside a bracket, it is a
+// bracket of its own, so that a failure inside it is undone the same way.
+template <class Change>
+auto SharedTableWriter::asUpdate(Change&& change) {
+  refuseIfBroken();
+  struct Closer {
+    SharedTableWriter& w;
+    bool open;
+    int uncaught = std::uncaught_exceptions();
+    ~Closer() {
+      if (!open) return;
+      if (std::uncaught_exceptions() > uncaught) w.updateAbort();
+      else w.updateEnd();
+    }
+  } closer{*this, !inBracket_};
+  if (closer.open) updateBegin();
+  return change();
+}
+
+void SharedTableWriter::write(const U8* record) { asUpdate([&] { put(record); }); }
+
+bool SharedTableWriter::remove(const U8* key, U8* removed) { return asUpdate([&] { return take(key, removed); }); }
+
+// Growth and the slot's memory come first: what fails for want of space or
+// memory fails before this change has touched the table.
+void SharedTableWriter::put(const U8* record) {
   const U8* key = keys_.of(record);
   const U64 hash = keys_.hash(key);
   Spot s{true, 0, 0};
@@ -55,26 +85,24 @@ void SharedTableWriter::write(const U8* record) {
     if (s.found) recentSlotIs(hash, s.slot);
   }
   if (s.found) {
-    beginUpdate();
     journal(key, map_->slot(s.slot));
     writeSlot(s.slot, record);
-    endUpdate();
     return;
   }
   const bool intoEmpty = loadRelaxed(map_->indexEntry(s.position)) == 0;
-  if (occupancy_ == capacity() ||
-      (intoEmpty && occupancy_ + tombstones_ >= indexLimit(map_->geometry().indexEntries))) {
+  if (!recovering_ && (occupancy_ == capacity() ||
+                       (intoEmpty && occupancy_ + tombstones_ >= indexLimit(map_->geometry().indexEntries)))) {
     grow();
     s = spotOf(key, hash);
   }
   const U64 slot = takeFreeSlot();
   map_->reserveSlots(slot + 1);
-  beginUpdate();
   journal(key, nullptr);
   // The high-water mark covers the slot before it holds a record: a
   // writer that reopens the table looks at the slots below it.
   if (slot >= highWater_) {
     highWater_ = slot + 1;
+    updateHighWater_ = std::max(updateHighWater_, highWater_);
     storeRelease(map_->header().highWater, highWater_);
     storeOrder();
   }
@@ -85,30 +113,27 @@ void SharedTableWriter::write(const U8* record) {
   storeRelease(entry, entryFor(map_->geometry(), hash, slot));
   ++occupancy_;
   publishCounts();
-  endUpdate();
 }
 
-bool SharedTableWriter::remove(const U8* key, U8* removed) {
+bool SharedTableWriter::take(const U8* key, U8* removed) {
   const Spot s = spotOf(key, keys_.hash(key));
   if (!s.found) return false;
   std::memcpy(removed, map_->slot(s.slot), layout_.recordSize);
-  beginUpdate();
   journal(key, map_->slot(s.slot));
   deleteEntry(*map_, s.position, tombstones_);
   U32& seq = map_->seqWord(s.slot);
   storeRelease(seq, nextSeq(seq, 0));
   --occupancy_;
-  freeSlots_.push(U32(s.slot));
+  noteFreeSlot(s.slot);
   while (highWater_ > 0 && !(map_->seqWord(highWater_ - 1) & seqLive)) --highWater_;
   publishCounts();
-  endUpdate();
-  maybeShrink();
   return true;
 }
 
 // The writer changes a copy (the scratchpad) and commits it as one whole
 // change, so that readers never see it half-changed.
 U8* SharedTableWriter::inPlace(const U8* key) {
+  refuseIfBroken();
   const Spot s = spotOf(key, keys_.hash(key));
   if (!s.found) return nullptr;
   std::memcpy(scratch_.data(), map_->slot(s.slot), layout_.recordSize);
@@ -124,10 +149,10 @@ void SharedTableWriter::commit(const U8* record) {
   const Spot s = spotOf(key, keys_.hash(key));
   if (!s.found || s.slot != scratchSlot_)
     throw CorruptionException(fmt::format("{}: the record changed in place lost its slot before its commit", path_));
-  beginUpdate();
-  journal(key, map_->slot(s.slot));
-  writeSlot(s.slot, record);
-  endUpdate();
+  asUpdate([&] {
+    journal(key, map_->slot(s.slot));
+    writeSlot(s.slot, record);
+  });
 }
 
 // Busy first, then the record's words, then the sequence word with busy
@@ -166,13 +191,27 @@ inline bool SharedTableWriter::slotOf(const U8* key, U64 hash, U64& slot) const 
   return true;
 }
 
+// Every free slot below the high-water mark is in the queue, unless a push
+// ran out of memory; then the slots are searched, so that a record put back
+// by an undo never lands above the slots reserved for it.
 inline U64 SharedTableWriter::takeFreeSlot() {
   while (!freeSlots_.empty()) {
     U64 s = freeSlots_.top();
     freeSlots_.pop();
     if (s < highWater_ && !(map_->seqWord(s) & seqLive)) return s;
   }
+  if (occupancy_ < highWater_)
+    for (U64 s = 0; s < highWater_; ++s)
+      if (!(map_->seqWord(s) & seqLive)) return s;
   return highWater_;
+}
+
+inline void SharedTableWriter::noteFreeSlot(U64 slot) noexcept {
+  try {
+    freeSlots_.push(U32(slot));
+  } catch (const std::bad_alloc&) {
+    // takeFreeSlot finds it by a search
+  }
 }
 
 // Recomputes the writer's slot counts and free slots from the mapping.
@@ -183,7 +222,7 @@ void SharedTableWriter::rescan(U64 top) {
   freeSlots_ = {};
   for (U64 s = 0; s < highWater_; ++s) {
     if (map_->seqWord(s) & seqLive) ++occupancy_;
-    else freeSlots_.push(U32(s));
+    else noteFreeSlot(s);
   }
   publishCounts();
 }

@@ -45,24 +45,32 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   void commit(const U8* record) override;
   void updateBegin() override;
   void updateEnd() override;
+  void updateAbort() override;
 
  private:
+  // Runs one change as an update of its own unless a bracket is open; an
+  // exception leaves with the update undone.
+  template <class Change>
+  auto asUpdate(Change&& change);
   friend class SharedTableBase<SharedTableWriter>;
   const Mapping& newestMapping() const { return *map_; }
   Spot spotOf(const U8* key, U64 hash) const { return locate(*map_, keys_, key, hash, path_); }
 
   // Records (SharedTableWriter.cpp; the inline ones are used there only).
+  void put(const U8* record);
+  bool take(const U8* key, U8* removed);
   void writeSlot(U64 slot, const U8* record);
   bool recentSlot(const U8* key, U64 hash, U64& slot) const;
   void recentSlotIs(U64 hash, U64 slot) const { recent_[hash % recentSize] = (hash >> 32 << 32) | (slot + 1); }
   bool slotOf(const U8* key, U64 hash, U64& slot) const;
   U64 takeFreeSlot();
+  void noteFreeSlot(U64 slot) noexcept;
   void rescan(U64 top);
 
   // Updates and recovery (SharedTableJournal.cpp).
   void recover();
-  void beginUpdate();
-  void endUpdate();
+  void rollBack();
+  void refuseIfBroken() const;
   void publishCounts();
   void journal(const U8* key, const U8* old);
   void carryUpdateInto(Mapping& next) const;
@@ -78,8 +86,17 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   // Writer state, mirrored in the header for readers.
   U64 counter_ = 0;
   bool inBracket_ = false;
+  // Set while the journal is replayed: changes are not journaled and need
+  // no growth (they bring back records that fitted before).
   bool recovering_ = false;
+  // An update that could not be undone stays open in the file for the next
+  // writer (or a reader) to undo; this writer refuses every further change.
+  std::string broken_;
   U32 journalUsed_ = 0;
+  // The highest high-water mark since the open update began: a generation
+  // built inside an update reserves the slots below it, so that undoing the
+  // update never needs memory the device may not have.
+  U64 updateHighWater_ = 0;
   U64 occupancy_ = 0;
   U64 highWater_ = 0;
   U64 tombstones_ = 0;
@@ -87,6 +104,7 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   static constexpr U64 recentSize = 4096;
   mutable std::vector<U64> recent_ = std::vector<U64>(recentSize);
   std::vector<U8> scratch_;
+  std::vector<U8> undoRecord_;
   U64 scratchSlot_ = 0;
   bool scratchValid_ = false;
 };

@@ -78,9 +78,14 @@ class Table {
   // together). The update counter is odd from updateBegin to updateEnd and
   // even at rest; a write or removal outside a bracket is an update of its
   // own. Readers compare the counter before and after a query to know that
-  // no update overlapped it. Brackets do not nest.
+  // no update overlapped it. Brackets do not nest. updateAbort closes the
+  // bracket with every change made inside it undone, and needs no space or
+  // memory to do so; a change that fails by exception has changed nothing
+  // itself, so after a failed change inside a bracket, updateAbort brings
+  // the table back to where the bracket began.
   virtual void updateBegin() = 0;
   virtual void updateEnd() = 0;
+  virtual void updateAbort() = 0;
   virtual U64 updateCounter() const = 0;
 
   // Damage found by a caller; kept for inspection and logged.

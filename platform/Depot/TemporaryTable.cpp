@@ -15,7 +15,11 @@ constexpr U32 none = 0xFFFFFFFFu;
 
 // Records in a slot array; each bucket heads a chain of slots linked through
 // next_. Removed slots go on a free list, so slot numbers (the iteration
-// hints) stay put while records come and go.
+// hints) stay put while records come and go. Inside a bracket, every change
+// first saves the record it replaces (or its absence) in an undo log; a
+// change that throws does so before it changes anything, and the slots only
+// grow while a bracket is open, so replaying the log backwards needs no
+// memory and always finds a free slot.
 class TemporaryTable final : public Table {
  public:
   TemporaryTable(const RecordLayout& layout, std::string name, U64 entries, U64 maxEntries)
@@ -37,17 +41,9 @@ class TemporaryTable final : public Table {
   void write(const U8* rec) override {
     const U8* key = rec + layout_.keyOffset;
     U32 slot = lookup(key, nullptr);
-    if (slot == none) {
-      if (freeHead_ == none) grow();
-      slot = freeHead_;
-      freeHead_ = next_[slot];
-      U32& head = buckets_[bucketOf(key)];
-      next_[slot] = head;
-      head = slot;
-      used_[slot] = 1;
-      ++occupancy_;
-    }
-    std::memcpy(record(slot), rec, layout_.recordSize);
+    if (slot == none && freeHead_ == none) grow();
+    saveUndo(key, slot);
+    put(rec, slot);
     touched();
   }
 
@@ -55,23 +51,23 @@ class TemporaryTable final : public Table {
     U32 prev = none;
     U32 slot = lookup(key, &prev);
     if (slot == none) return false;
+    saveUndo(key, slot);
     std::memcpy(removed, record(slot), layout_.recordSize);
-    (prev == none ? buckets_[bucketOf(key)] : next_[prev]) = next_[slot];
-    used_[slot] = 0;
-    next_[slot] = freeHead_;
-    freeHead_ = slot;
-    --occupancy_;
+    take(key, slot, prev);
     touched();
     return true;
   }
 
   U8* inPlace(const U8* key) override {
     U32 slot = lookup(key, nullptr);
-    return slot == none ? nullptr : record(slot);
+    if (slot == none) return nullptr;
+    saveUndo(key, slot);  // the caller changes the record before its commit
+    return record(slot);
   }
 
   void commit(const U8* rec) override {
-    if (inPlace(rec + layout_.keyOffset) != rec)
+    const U32 slot = lookup(rec + layout_.keyOffset, nullptr);
+    if (slot == none || record(slot) != rec)
       throw CorruptionException(fmt::format("{}: commit of a record that is not stored in place", name_));
     touched();
   }
@@ -84,7 +80,21 @@ class TemporaryTable final : public Table {
   void updateEnd() override {
     BASIS_ASSERT(inBracket_, "Depot/TemporaryTable.cpp");
     inBracket_ = false;
+    undo_.clear();
     ++counter_;
+  }
+  void updateAbort() override {
+    BASIS_ASSERT(inBracket_, "Depot/TemporaryTable.cpp");
+    const U64 entry = 1 + layout_.recordSize;
+    for (U64 at = undo_.size(); at >= entry;) {
+      at -= entry;
+      const U8* saved = undo_.data() + at + 1;
+      U32 prev = none;
+      U32 slot = lookup(saved + layout_.keyOffset, &prev);
+      if (undo_[at]) put(saved, slot);
+      else if (slot != none) take(saved + layout_.keyOffset, slot, prev);
+    }
+    updateEnd();
   }
   U64 updateCounter() const override { return counter_; }
 
@@ -107,6 +117,36 @@ class TemporaryTable final : public Table {
   }
 
  private:
+  // Stores rec at slot, or in a free slot when slot is none (one is free).
+  void put(const U8* rec, U32 slot) {
+    if (slot == none) {
+      slot = freeHead_;
+      freeHead_ = next_[slot];
+      U32& head = buckets_[bucketOf(rec + layout_.keyOffset)];
+      next_[slot] = head;
+      head = slot;
+      used_[slot] = 1;
+      ++occupancy_;
+    }
+    std::memcpy(record(slot), rec, layout_.recordSize);
+  }
+  void take(const U8* key, U32 slot, U32 prev) {
+    (prev == none ? buckets_[bucketOf(key)] : next_[prev]) = next_[slot];
+    used_[slot] = 0;
+    next_[slot] = freeHead_;
+    freeHead_ = slot;
+    --occupancy_;
+  }
+  // The record under key before this change (slot none: absent); may throw
+  // for want of memory, before anything changed.
+  void saveUndo(const U8* key, U32 slot) {
+    if (!inBracket_) return;
+    const U64 at = undo_.size();
+    undo_.resize(at + 1 + layout_.recordSize);
+    undo_[at] = slot != none;
+    if (slot != none) std::memcpy(&undo_[at + 1], record(slot), layout_.recordSize);
+    else std::memcpy(&undo_[at + 1 + layout_.keyOffset], key, layout_.keySize);
+  }
   void touched() {
     if (!inBracket_) counter_ += 2;
   }
@@ -148,11 +188,16 @@ class TemporaryTable final : public Table {
   }
 
   // Rebuilds the index for `entries` slots, keeping records in their slots.
+  // Allocates everything before it changes anything.
   void resize(U64 entries) {
-    records_.resize(entries * layout_.recordSize);
-    next_.resize(entries);
-    used_.resize(entries, 0);
-    buckets_.assign(std::bit_ceil(entries), none);
+    std::vector<U8> records = records_, used = used_;
+    records.resize(entries * layout_.recordSize);
+    used.resize(entries, 0);
+    std::vector<U32> next(entries), buckets(std::bit_ceil(entries), none);
+    records_.swap(records);
+    used_.swap(used);
+    next_.swap(next);
+    buckets_.swap(buckets);
     freeHead_ = none;
     for (U64 s = entries; s-- > 0;) {
       if (used_[s]) {
@@ -178,6 +223,7 @@ class TemporaryTable final : public Table {
   U64 corruptionCount_ = 0;
   U64 counter_ = 0;
   bool inBracket_ = false;
+  std::vector<U8> undo_;  // entries of a present flag and a record (only its key when absent)
 };
 
 }  // namespace

@@ -111,6 +111,11 @@ void CollectionBinding::updateEnd() {
   notifyQuiesced(true);
 }
 
+void CollectionBinding::updateAbort() {
+  table_->updateAbort();
+  notifyQuiesced(true);
+}
+
 void CollectionBinding::notifyKey(const U8* key) const {
   if (hooks_.keyChanged) hooks_.keyChanged(key);
 }

@@ -2,6 +2,7 @@
 #include <array>
 #include <bit>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -63,9 +64,11 @@ class CollectionBinding {
 
   // One logical update of the table (several writes and removals that belong
   // together, see Depot::Table). The quiesced hook hears false when it
-  // begins and true when it ends. Brackets do not nest.
+  // begins and true when it ends. Brackets do not nest. updateAbort ends it
+  // with its changes undone (Depot::Table::updateAbort).
   void updateBegin();
   void updateEnd();
+  void updateAbort();
   U64 updateCounter() const { return table_->updateCounter(); }
 
   void notifyKey(const U8* key) const;
@@ -93,16 +96,22 @@ class CollectionBinding {
 };
 
 // Keeps one update of a binding open for its lifetime, so that the update is
-// closed however the code inside it leaves.
+// closed however the code inside it leaves: kept when it returns, undone
+// when an exception leaves it (a full device, no memory, a full table), so
+// that the table holds exactly the updates that completed.
 class UpdateBracket {
  public:
   explicit UpdateBracket(CollectionBinding& binding) : binding_(binding) { binding_.updateBegin(); }
-  ~UpdateBracket() { binding_.updateEnd(); }
+  ~UpdateBracket() {
+    if (std::uncaught_exceptions() > uncaught_) binding_.updateAbort();
+    else binding_.updateEnd();
+  }
   UpdateBracket(const UpdateBracket&) = delete;
   UpdateBracket& operator=(const UpdateBracket&) = delete;
 
  private:
   CollectionBinding& binding_;
+  int uncaught_ = std::uncaught_exceptions();
 };
 
 // Typed view of a binding for record type R keyed by K (R trivially copyable).

@@ -63,6 +63,7 @@ using TableContract = testing::TestWithParam<Kind>;
 
 // A seeded run checked against a map after every step, half of its keys crowding the index's end: in a fixed table kept
 // near full (tombstones, rebuilds, probes wrapping), in one grown from one slot; then emptied by removals as it iterates.
+// Every 40 steps, 8 changes go in one bracket, which is kept or undone (also across growth and failed writes).
 TEST_P(TableContract, MatchesAMapThroughASeededRandomRunAndEmptiesByIteration) {
   testkit::TempRoot root;
   for (auto [capacity, maxEntries, keyCount] : {std::tuple<U64, U64, U32>{64, 64, 96}, {1, U64(1) << 30, 400}}) {
@@ -71,11 +72,12 @@ TEST_P(TableContract, MatchesAMapThroughASeededRandomRunAndEmptiesByIteration) {
                                : Depot::temporaryTableNew(l, "local/table", capacity, maxEntries);
     std::vector<U32> keys = crowdedKeys(l, keyCount / 2);
     for (U32 k = 1; k <= keyCount / 2; ++k) keys.push_back(1000000 + k);
-    std::map<U32, U32> model;
+    std::map<U32, U32> model, before;
     std::mt19937 rng(U32(capacity + l.recordSize));
     U64 full = 0, grown = 0, hint;
     Rec r{};
     for (U32 step = 1; step <= 4000; ++step, grown = std::max(grown, t->capacity())) {
+      if (step % 40 == 1) t->updateBegin(), before = model;
       const U32 k = keys[rng() % keys.size()], op = rng() % 8;
       const bool present = model.count(k), writes = op < ((step / 1000) % 2 ? 2 : 5);
       if (writes && !present && model.size() == maxEntries) {
@@ -93,6 +95,8 @@ TEST_P(TableContract, MatchesAMapThroughASeededRandomRunAndEmptiesByIteration) {
       } else {
         ASSERT_FALSE(present || t->iterFrom(keyOf(l, k).data(), hint, r.data()));
       }
+      if (step % 40 == 8 && rng() % 2) t->updateAbort(), model = before;
+      else if (step % 40 == 8) t->updateEnd();
       ASSERT_EQ(t->occupancy(), model.size()) << "capacity " << capacity << ", step " << step;
       for (U32 q : keys) ASSERT_EQ(version(*t, q), model.count(q) ? model[q] : 0) << q;
       ASSERT_EQ(contents(*t), model);

@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/stat.h>
 
+#include "Depot/FaultInjection.h"
 #include "TrieLib/ConsistentRead.h"
 #include "TrieLib/TrieCheck.h"
 #include "TrieLib/TrieMount.h"
@@ -78,6 +79,47 @@ TEST(TrieMount, AReaderFollowsTheWriterThroughGrowthAndCannotWrite) {
   restarted = nullptr;
   trieDrop("T", root.options);
   EXPECT_FALSE(trieExists("T", root.options));
+}
+
+// Each space reservation, mapping, allocation and file operation of a load
+// with growth fails in turn, once (space returns) or from then on (the disk
+// stays full for a while): the failed insertion leaves no trace, the writer
+// goes on, and a reader and the next writer find the acknowledged prefixes.
+TEST(TrieFailures, AFailureAtAnyPointOfALoadWithGrowthLosesNothing) {
+  PrefixGen gen(5);
+  std::vector<IpGenPrefix> load(8000);
+  for (size_t i = 0; i < load.size(); ++i) load[i] = gen.prefix(i % 3 == 0);
+  U64 n = 1;
+  for (bool failed = true; failed; ++n) {
+    Root root;
+    auto writer = trieWriterNew("T", root.options);
+    auto reader = trieReaderNew("T", root.options);
+    Reference ref;
+    failed = false;
+    Depot::injectFailureAt(n, n % 4 == 0);
+    for (size_t i = 0, offAt = load.size(); i < load.size(); ++i) {
+      if (i == offAt) Depot::injectFailureAt(0);
+      try {
+        writer->prefixIs(load[i]);
+        ref.insert(load[i]);
+        continue;
+      } catch (const std::exception& e) {
+        EXPECT_THAT(e.what(), testing::ContainsRegex("space|memory|map|alloc|generation")) << n;
+      }
+      if (failed) continue;
+      failed = true, offAt = i + 40;
+      Depot::injectFailureAt(0);
+      ASSERT_EQ(stored(*reader), stored(ref)) << "failure point " << n;
+      ASSERT_EQ(checkTrie(*writer), std::vector<std::string>()) << "failure point " << n;
+      Depot::injectFailureAt(n % 4 == 0 ? 1 : 0, true);  // every fourth time the disk stays full a while
+    }
+    Depot::injectFailureAt(0);
+    writer = nullptr;
+    writer = trieWriterNew("T", root.options);
+    ASSERT_EQ(stored(*writer), stored(ref)) << "failure point " << n;
+    ASSERT_EQ(checkTrie(*writer), std::vector<std::string>()) << "failure point " << n;
+  }
+  EXPECT_GT(n, 20u);  // the load met that many points
 }
 
 TEST(TrieUpdates, EachMutationIsOneUpdateOfItsFamilysTableOnly) {
