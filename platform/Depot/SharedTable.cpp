@@ -32,11 +32,13 @@ std::unique_ptr<SharedTable> SharedTable::writerNew(const RecordLayout& layout, 
   return SharedTableWriter::open(layout, path, options);
 }
 
-std::unique_ptr<SharedTable> SharedTable::readerNew(const RecordLayout& layout, const std::string& path) {
+std::unique_ptr<SharedTable> SharedTable::readerNew(const RecordLayout& layout, const std::string& path,
+                                                    const SharedReaderOptions& options) {
   checkLayout(layout, path);
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw SharedFileException(openFailure(path, "reading", errno));
-  return std::make_unique<SharedTableReader>(layout, path, Mapping::attach(fd, path, layout, false));
+  return std::make_unique<SharedTableReader>(layout, path, Mapping::attach(fd, path, layout, false),
+                                             options.stuckAfterMs);
 }
 
 bool sharedTableExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }

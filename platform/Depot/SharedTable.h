@@ -19,10 +19,21 @@ class WriterBusyException : public SharedFileException {
   using SharedFileException::SharedFileException;
 };
 
+// A reader waited past its deadline for a writer that is alive but keeps a
+// slot busy (stopped or hung in the middle of writing it).
+class WriterStuckException : public Basis::Exception {
+ public:
+  using Basis::Exception::Exception;
+};
+
 struct SharedTableOptions {
   U64 capacity = 1024;               // records the first generation holds; the table never shrinks below it
   U64 maxEntries = (U64(1) << 31) - 1;  // growth stops here; a new record beyond raises TableFullException
   U32 mode = 0644;                   // permission bits of the files (directories get x where r is)
+};
+
+struct SharedReaderOptions {
+  U32 stuckAfterMs = 5000;  // how long a slot may stay busy under a live writer before WriterStuckException
 };
 
 struct SharedTableStats {
@@ -61,7 +72,10 @@ class SharedTable : public Table {
   static std::unique_ptr<SharedTable> writerNew(const RecordLayout& layout, const std::string& path,
                                                 const SharedTableOptions& options = {});
   // Maps an existing file read-only; every write raises AccessException.
-  static std::unique_ptr<SharedTable> readerNew(const RecordLayout& layout, const std::string& path);
+  // A reader reads around an update that a writer which is gone left open,
+  // as if the next writer had already undone it.
+  static std::unique_ptr<SharedTable> readerNew(const RecordLayout& layout, const std::string& path,
+                                                const SharedReaderOptions& options = {});
 
   virtual U64 generation() const = 0;
   virtual SharedTableStats stats() const = 0;

@@ -28,8 +28,10 @@ struct Probe {
 
 // One pass over the key's probe sequence. A pass that meets a slot being
 // changed is unsettled; one that meets what no consistent table holds is
-// broken (or raced with the writer: the caller tells which).
-Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* words) {
+// broken (or raced with the writer: the caller tells which). Around an
+// update left open by a writer that is gone, a busy slot is not key's: the
+// update did not change key, or its journal would have answered.
+Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* words, bool around) {
   const Geometry& g = m.geometry();
   const U32 slotMask = slotMaskOf(g);
   const U32 tag = tagOf(g, hash);
@@ -42,7 +44,9 @@ Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* wo
       const U64 slot = U64(e & slotMask) - 1;
       if ((e & slotMask) == 0 || slot >= g.capacity) return {Outcome::broken, slot, pos, Problem::slotOutside};
       switch (readSlot(m, slot, words)) {
-        case SlotRead::busy: return {Outcome::unsettled, slot, pos};
+        case SlotRead::busy:
+          if (around) break;
+          return {Outcome::unsettled, slot, pos};
         case SlotRead::free:
           // The key was removed after the entry was read: look again.
           if (loadAcquire(m.indexEntry(pos)) != e) continue;
@@ -59,6 +63,19 @@ Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* wo
 }
 
 }  // namespace
+
+void throwStuck(const Mapping& m, const std::string& path, U64 slot, U32 stuckAfterMs) {
+  throw WriterStuckException(fmt::format("{}: the writer (pid {}) has kept slot {} busy for over {} ms; it is stopped "
+                                         "or hung",
+                                         path, loadAcquire(m.header().writerPid), slot, stuckAfterMs));
+}
+
+U64 SharedTableReader::updateCounter() const {
+  const Mapping& m = newestMapping();
+  const U64 counter = loadAcquire(m.header().updateCounter);
+  if (!(counter & 1)) return counter;
+  return readingAround(m) || startReadingAround(m) ? counter - 1 : counter;
+}
 
 bool SharedTableReader::find(const U8* key, U8* out) const {
   U32 words[maxStride / 4];
@@ -82,14 +99,21 @@ void SharedTableReader::refuse() { throw AccessException("invalid attempt to wri
 // tries again.
 bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
   const U64 hash = keys_.hash(key);
-  Patience patience;
+  Patience patience(stuckAfterMs_);
   for (;;) {
     const Mapping& m = newestMapping();
-    Probe p = probe(m, keys_, key, hash, words);
+    const bool around = readingAround(m);
+    if (around) {
+      if (const int entry = journaled(m, key, words); entry >= 0) {
+        slot = m.geometry().capacity + U64(entry);
+        return journaledPresent(m, entry);
+      }
+    }
+    Probe p = probe(m, keys_, key, hash, words, around);
     bool settled = true;
     if (p.outcome == Outcome::broken) {
       const U64 before = loadAcquire(m.header().updateCounter);
-      p = probe(m, keys_, key, hash, words);
+      p = probe(m, keys_, key, hash, words, around);
       std::atomic_thread_fence(std::memory_order_acquire);
       settled = !(before & 1) && loadRelaxed(m.header().updateCounter) == before;
     }
@@ -99,6 +123,8 @@ bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
     }
     if (p.outcome == Outcome::absent) return false;
     if ((p.outcome == Outcome::unsettled || !settled) && patience.wait(m)) continue;
+    if (patience.gone() && startReadingAround(m)) continue;
+    if (patience.stuck()) throwStuck(m, path_, p.slot, stuckAfterMs_);
     if (p.outcome == Outcome::unsettled) throw CorruptionException(halfWrittenMessage(path_, p.slot));
     throwDamage(path_, p.problem, p.position, p.slot, m.geometry());
   }
@@ -119,6 +145,8 @@ void SharedTableReader::followSuccessor() const {
   } catch (const SharedFileException& e) {
     throw CorruptionException(e.what());
   }
+  openByGone_ = 0;
+  startReadingAround(*map_);
 }
 
 }  // namespace Depot::sharedfile

@@ -9,12 +9,20 @@
 // it sets busy, stores the record's words, then stores the word with busy
 // clear and the version advanced (a release store). A slot that stays busy
 // belongs to a writer that stopped; Patience tells how long to wait for it.
+//
+// An update that a writer left open when it died (odd update counter, no
+// writer alive) is read around: the journal's before-images answer for the
+// keys it changed, slots it was writing are passed over, and the counter
+// reads as it was before the update, so that readers see the last complete
+// update at once. The next writer makes the same undo permanent.
 #include <fmt/format.h>
 #include <sched.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "Basis/Debug.h"
@@ -31,25 +39,45 @@ inline void cpuRelax() {
 #endif
 }
 
-// A reader's wait for the writer to finish what it is doing. wait() is false
-// once the writer is gone (nobody holds the writer lock): what the table
-// holds then is final. A newer generation announced by a writer that is gone
-// gets a few more rounds, in which the caller follows it if it was put in
-// place; a header that announces one that never comes cannot hold a reader.
+// A reader's wait for the writer to finish what it is doing: a few spins,
+// then yields, then sleeps that grow to a millisecond, so that a writer that
+// stopped costs its readers no CPU. wait() is false once the writer is gone
+// (gone(): what the table holds is then final, but for an update it left
+// open) or has kept the reader waiting past the deadline (stuck()). A newer
+// generation announced by a writer that is gone gets a few more rounds, in
+// which the caller follows it if it was put in place; a header that
+// announces one that never comes cannot hold a reader.
 class Patience {
  public:
+  explicit Patience(U32 stuckAfterMs) : stuckAfterMs_(stuckAfterMs) {}
   bool wait(const Mapping& m) {
     if (++spins_ < 64) {
       cpuRelax();
       return true;
     }
-    sched_yield();
-    if (spins_ % 128 != 0 || m.writerAttached()) return true;
-    return loadRelaxed(m.header().successor) != 0 && spins_ < 1024;
+    if (spins_ < 128) {
+      sched_yield();
+      return true;
+    }
+    if (spins_ == 128) since_ = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::microseconds(std::min<U64>(spins_ - 127, 1000)));
+    if (!m.writerAttached()) {
+      gone_ = true;
+      return loadRelaxed(m.header().successor) != 0 && ++goneRounds_ < 64;
+    }
+    stuck_ = std::chrono::steady_clock::now() - since_ > std::chrono::milliseconds(stuckAfterMs_);
+    return !stuck_;
   }
+  bool gone() const { return gone_; }
+  bool stuck() const { return stuck_; }
 
  private:
+  U32 stuckAfterMs_;
   U64 spins_ = 0;
+  U32 goneRounds_ = 0;
+  bool gone_ = false;
+  bool stuck_ = false;
+  std::chrono::steady_clock::time_point since_;
 };
 
 enum class SlotRead { ok, busy, free };
@@ -77,6 +105,8 @@ inline std::string halfWrittenMessage(const std::string& path, U64 slot) {
   return fmt::format("{}: slot {} was left half-written by a writer that stopped", path, slot);
 }
 
+[[noreturn]] void throwStuck(const Mapping& m, const std::string& path, U64 slot, U32 stuckAfterMs);
+
 // What a reader and the writer of a table do alike: iterate the slots in
 // their order and tell the table's counts. Self::newest() is the mapping to
 // read, called on every step: a reader moves to a newer generation there,
@@ -92,7 +122,13 @@ class SharedTableBase : public SharedTable {
     __builtin_prefetch(&m.indexEntry(homeEntry(keys_.hash(key), m.geometry().indexEntries)));
   }
 
-  bool iterFirst(U64& hint, U8* out) const final { return scan(0, hint, out); }
+  // A whole iteration starts by looking for an update left open by a
+  // writer that is gone, as consistent readers do at every query through
+  // updateCounter(); other reads find one when they meet a slot it left busy.
+  bool iterFirst(U64& hint, U8* out) const final {
+    if (const Mapping& m = newest(); !readingAround(m)) startReadingAround(m);
+    return scan(0, hint, out);
+  }
   bool iterNext(U64& hint, U8* out) const final { return scan(hint + 1, hint, out); }
 
   void reportCorruption(std::string_view message) final {
@@ -108,7 +144,7 @@ class SharedTableBase : public SharedTable {
     return m.geometry().slotsOffset + highWaterNow(m) * m.geometry().stride;
   }
   U64 generation() const final { return newest().generation(); }
-  U64 updateCounter() const final { return loadAcquire(newest().header().updateCounter); }
+  U64 updateCounter() const override { return loadAcquire(newest().header().updateCounter); }
   SharedTableStats stats() const final {
     const Mapping& m = newest();
     const Geometry& g = m.geometry();
@@ -129,29 +165,83 @@ class SharedTableBase : public SharedTable {
 
   const Mapping& newest() const { return static_cast<const Self&>(*this).newestMapping(); }
 
+  // Reading around an update left open by a writer that is gone (see the top
+  // of this file). Only a reader ever starts it; the writer's openByGone_
+  // stays 0.
+  bool startReadingAround(const Mapping& m) const {
+    if constexpr (!Self::readsAround) return false;
+    const U64 counter = loadAcquire(m.header().updateCounter);
+    if (!(counter & 1) || loadAcquire(m.header().journalCount) > journalEntries || m.writerAttached()) return false;
+    openByGone_ = counter;
+    return true;
+  }
+  bool readingAround(const Mapping& m) const {
+    if (openByGone_ == 0) [[likely]]
+      return false;
+    if (loadAcquire(m.header().updateCounter) == openByGone_) return true;
+    openByGone_ = 0;  // a new writer has taken the table over
+    return false;
+  }
+  // The journal entry of key, its record copied into words; -1 when the
+  // open update did not change key.
+  int journaled(const Mapping& m, const U8* key, U32* words) const {
+    const U32 n = std::min(loadAcquire(m.header().journalCount), journalEntries);
+    for (U32 i = 0; i < n; ++i) {
+      const U32* p = reinterpret_cast<const U32*>(m.journalRecord(i));
+      for (U32 w = 0; w < (layout_.recordSize + 3) / 4; ++w) words[w] = loadRelaxed(p[w]);
+      if (keys_.same(keys_.of(reinterpret_cast<const U8*>(words)), key)) return int(i);
+    }
+    return -1;
+  }
+  bool journaledPresent(const Mapping& m, int entry) const {
+    return loadRelaxed(m.journalFlags(U32(entry))) & journalPresent;
+  }
+
   RecordLayout layout_;
   std::string path_;
   Keys keys_;
   mutable std::unique_ptr<Mapping> map_;
+  mutable U64 openByGone_ = 0;
+  U32 stuckAfterMs_ = 5000;
 
  private:
+  // Slots in order; while reading around an open update, the slots of the
+  // keys it changed give way to their journal entries, which follow the
+  // slots at positions capacity + entry.
   bool scan(U64 from, U64& hint, U8* out) const {
-    U32 words[maxStride / 4];
-    Patience patience;
+    U32 words[maxStride / 4], saved[maxStride / 4];
+    Patience patience(stuckAfterMs_);
     for (U64 slot = from;;) {
       const Mapping& m = newest();
+      const bool around = readingAround(m);
       if (slot >= highWaterNow(m)) {
-        hint = slot;
+        const U64 cap = m.geometry().capacity;
+        for (U32 i = U32(slot > cap ? slot - cap : 0); around && i < journalEntries; ++i) {
+          if (i >= std::min(loadAcquire(m.header().journalCount), journalEntries)) break;
+          if (!journaledPresent(m, int(i))) continue;
+          std::memcpy(out, m.journalRecord(i), layout_.recordSize);
+          hint = cap + i;
+          return true;
+        }
+        hint = std::max(slot, around ? cap + journalEntries : slot);
         return false;
       }
       switch (readSlot(m, slot, words)) {
         case SlotRead::ok:
+          if (around && journaled(m, keys_.of(reinterpret_cast<const U8*>(words)), saved) >= 0) {
+            ++slot;
+            break;
+          }
           std::memcpy(out, words, layout_.recordSize);
           hint = slot;
           return true;
         case SlotRead::free: ++slot; break;
         case SlotRead::busy:
-          if (!patience.wait(m)) throw CorruptionException(halfWrittenMessage(path_, slot));
+          if (around) ++slot;
+          else if (patience.wait(m)) break;
+          else if (patience.gone() && startReadingAround(m)) break;
+          else if (patience.stuck()) throwStuck(m, path_, slot, stuckAfterMs_);
+          else throw CorruptionException(halfWrittenMessage(path_, slot));
           break;
       }
     }
@@ -164,10 +254,17 @@ class SharedTableBase : public SharedTable {
 // every call; every write raises AccessException.
 class SharedTableReader final : public SharedTableBase<SharedTableReader> {
  public:
-  SharedTableReader(const RecordLayout& layout, std::string path, std::unique_ptr<Mapping> m)
-      : SharedTableBase(layout, std::move(path), std::move(m)) {}
+  static constexpr bool readsAround = true;
+  SharedTableReader(const RecordLayout& layout, std::string path, std::unique_ptr<Mapping> m, U32 stuckAfterMs)
+      : SharedTableBase(layout, std::move(path), std::move(m)) {
+    stuckAfterMs_ = stuckAfterMs;
+    startReadingAround(*map_);
+  }
 
   bool isWriter() const override { return false; }
+  // Around an update left open by a writer that is gone, the counter as it
+  // was before that update.
+  U64 updateCounter() const override;
   bool find(const U8* key, U8* out) const override;
   bool iterFrom(const U8* key, U64& hint, U8* out) const override;
 

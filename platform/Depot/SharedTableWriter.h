@@ -29,6 +29,7 @@ inline U32 nextSeq(U32 old, U32 live) { return ((old & seqVersionMask) + seqVers
 
 class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
  public:
+  static constexpr bool readsAround = false;  // its own open update is the truth
   // Opens the table at path for writing, creating it or recovering it.
   static std::unique_ptr<SharedTable> open(const RecordLayout& layout, const std::string& path,
                                            const SharedTableOptions& options);
