@@ -85,7 +85,8 @@ Survey surveyForWriter(const Mapping& m, const RecordLayout& layout, const std::
   // in use above it would be handed out again.
   const U64 firstSeq = g.slotsOffset + g.stride - 4;
   m.forEachData(firstSeq, g.slotsOffset + g.capacity * g.stride, [&](U64 from, U64 to) {
-    for (U64 s = (std::max(from, firstSeq) - firstSeq + g.stride - 1) / g.stride; s < g.capacity && firstSeq + s * g.stride < to; ++s) {
+    const U64 first = (std::max(from, firstSeq) - firstSeq + g.stride - 1) / g.stride;
+    for (U64 s = first; s < g.capacity && firstSeq + s * g.stride < to; ++s) {
       const U32 seq = loadRelaxed(m.seqWord(s));
       if (seq & (seqLive | seqBusy)) found.top = s + 1;
       found.liveSlots += (seq & seqLive) != 0;
