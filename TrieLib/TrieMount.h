@@ -12,7 +12,7 @@ std::string depotRoot();
 
 struct MountOptions {
   std::string root = depotRoot();
-  U32 mode = 0644;  // of the files created (0640 group, 0600 owner only)
+  U32 mode = 0644;  // of a new trie's files (0640 group, 0600 owner only); an existing trie keeps its own
 };
 
 // A trie whose collections are the shared tables NAME/trieNode and

@@ -43,6 +43,21 @@ std::unique_ptr<SharedTable> SharedTable::readerNew(const RecordLayout& layout, 
 
 bool sharedTableExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+std::vector<std::string> sharedTableProblems(const RecordLayout& layout, const std::string& path) {
+  checkLayout(layout, path);
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw SharedFileException(openFailure(path, "reading", errno));
+  try {
+    auto m = Mapping::attach(fd, path, layout, false);
+    if (m->writerAttached()) return {};  // its writer has checked it, and it changes as it is read
+    Survey found = surveyForWriter(*m, layout, path);
+    for (std::string& repair : found.repairs) repair = fmt::format("{}: {}; its next writer repairs it", path, repair);
+    return found.repairs;
+  } catch (const SharedFileException& e) {
+    return {fmt::format("{}; its writer refuses it", e.what())};
+  }
+}
+
 void sharedTableDrop(const std::string& path) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd >= 0) {

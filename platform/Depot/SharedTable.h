@@ -1,6 +1,7 @@
 #pragma once
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Depot/Table.h"
 
@@ -29,7 +30,9 @@ class WriterStuckException : public Basis::Exception {
 struct SharedTableOptions {
   U64 capacity = 1024;               // records the first generation holds; the table never shrinks below it
   U64 maxEntries = (U64(1) << 31) - 1;  // growth stops here; a new record beyond raises TableFullException
-  U32 mode = 0644;                   // permission bits of the files (directories get x where r is)
+  // Permission bits of a new table's files (directories get x where r is). The table keeps them in its header:
+  // every later generation gets them, whatever the options of the writer that reopens it.
+  U32 mode = 0644;
 };
 
 struct SharedReaderOptions {
@@ -82,6 +85,9 @@ class SharedTable : public Table {
 };
 
 bool sharedTableExists(const std::string& path);
+// What a writer reopening the table at path would refuse (with the reason) or
+// repair, one line each naming the file; empty for a sound table. Only reads.
+std::vector<std::string> sharedTableProblems(const RecordLayout& layout, const std::string& path);
 // Removes the table file and any leftovers of an interrupted growth. Readers
 // that have it mapped keep working on their mapping. Raises
 // SharedFileException while a writer holds the file.

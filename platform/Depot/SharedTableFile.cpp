@@ -1,3 +1,6 @@
+// Table files: their validation, creation and mapping. A Mapping exists
+// only for a file whose header matched its checksum, the record layout and
+// the file's length; its geometry is that validated copy, never re-read.
 #include "Depot/SharedTableFile.h"
 
 #include "Depot/FaultInjection.h"
@@ -18,8 +21,9 @@ namespace {
 constexpr char fileMagic[8] = {'D', 'E', 'P', 'O', 'T', 'T', 'B', 'L'};
 // Version 2: keyHash over the key bytes, tagged linear-probing index with
 // tombstones and scaled home entries, sequence word at the end of each slot,
-// undo journal after the header.
-constexpr U32 formatVersion = 2;
+// undo journal after the header. Version 3: the files' mode in the header,
+// a checksum in each journal entry.
+constexpr U32 formatVersion = 3;
 constexpr U32 byteOrderMark = 0x01020304;
 constexpr U64 maxReserveChunk = U64(1) << 18;
 
@@ -55,6 +59,8 @@ Geometry validatedGeometry(const Header& h, U64 fileBytes, const std::string& pa
     throw SharedFileException(fmt::format("{}: damaged header (inconsistent sizes)", path));
   if (fileBytes != g.fileSize)
     throw SharedFileException(fmt::format("{}: truncated ({} bytes, its header says {})", path, fileBytes, g.fileSize));
+  if ((h.mode & ~0777u) != 0 || h.reserved != 0)
+    throw SharedFileException(fmt::format("{}: damaged header (mode {:o})", path, h.mode));
   return g;
 }
 
@@ -90,8 +96,8 @@ Geometry geometryFor(const RecordLayout& layout, U64 wanted, U64 maxEntries) {
   return geometryOf(layout, std::clamp<U64>(wanted, 1, limit));
 }
 
-Mapping::Mapping(int fd, U8* base, const Geometry& g, U64 generation)
-    : fd_(fd), base_(base), geometry_(g), generation_(generation) {
+Mapping::Mapping(int fd, U8* base, const Geometry& g, U64 generation, U32 mode)
+    : fd_(fd), base_(base), geometry_(g), generation_(generation), mode_(mode) {
   struct stat st {};
   if (fstat(fd_, &st) == 0) {
     dev_ = st.st_dev;
@@ -132,7 +138,7 @@ std::unique_ptr<Mapping> Mapping::attach(int fd, const std::string& path, const 
     close(fd);
     throw SharedFileException(fmt::format("cannot map {}: {}", path, errnoText(err)));
   }
-  return std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, h.generation));
+  return std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, h.generation, h.mode));
 }
 
 std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLayout& layout, const Geometry& g,
@@ -153,7 +159,7 @@ std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLa
   if (int err = injectedFailure(ENOMEM)) throw fail("map", err);
   void* base = mmap(nullptr, g.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) throw fail("map", errno);
-  auto m = std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, generation));
+  auto m = std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, generation, mode & 0777));
   m->reservedBytes_ = g.slotsOffset;
   m->populate(0, g.slotsOffset);
 
@@ -172,6 +178,7 @@ std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLa
   h.slotsOffset = g.slotsOffset;
   h.fileSize = g.fileSize;
   h.generation = generation;
+  h.mode = mode & 0777;
   h.checksum = headerChecksum(h);
   h.writerPid = U32(getpid());
   return m;
@@ -180,6 +187,19 @@ std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLa
 U64 Mapping::residentBytes() const {
   struct stat st {};
   return fstat(fd_, &st) == 0 ? U64(st.st_blocks) * 512 : 0;
+}
+
+void Mapping::forEachData(U64 from, U64 to, const std::function<void(U64, U64)>& visit) const {
+  while (from < to) {
+    const off_t data = lseek(fd_, off_t(from), SEEK_DATA);
+    if (data < 0 && errno == ENXIO) return;  // nothing but holes from here on
+    if (data < 0) return visit(from, to);    // no way to tell holes: all of it
+    if (U64(data) >= to) return;
+    const off_t hole = lseek(fd_, data, SEEK_HOLE);
+    const U64 end = hole < 0 ? to : std::min(U64(hole), to);
+    visit(U64(data), end);
+    from = end;
+  }
 }
 
 bool Mapping::writerAttached() const { return writerLockHeld(fd_); }
@@ -282,6 +302,18 @@ U64 headerChecksum(const Header& h) {
   const U8* p = reinterpret_cast<const U8*>(&h);
   U64 sum = 0xcbf29ce484222325ull;
   for (size_t i = 0; i < offsetof(Header, checksum); ++i) sum = (sum ^ p[i]) * 0x100000001b3ull;
+  return sum;
+}
+
+U32 journalChecksum(U64 updateCounter, U32 entry, U32 flags, const U8* record, U32 recordSize) {
+  U32 sum = 0x811c9dc5u;
+  auto add = [&sum](const void* bytes, size_t n) {
+    for (size_t i = 0; i < n; ++i) sum = (sum ^ static_cast<const U8*>(bytes)[i]) * 0x01000193u;
+  };
+  add(&updateCounter, sizeof updateCounter);
+  add(&entry, sizeof entry);
+  add(&flags, sizeof flags);
+  add(record, recordSize);
   return sum;
 }
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <bit>
+#include <functional>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -55,9 +56,9 @@ constexpr U64 growDenominator = 2;
 
 // The undo journal, after the header: before an update first changes the
 // record under a key, the key, whether a record was there and its old bytes
-// go into the next entry, and only then is the entry count raised. An update
-// changes a handful of records; more than journalEntries is a bug of the
-// caller.
+// go into the next entry with their checksum, and only then is the entry
+// count raised. An update changes a handful of records; more than
+// journalEntries is a bug of the caller.
 constexpr U32 journalEntries = 32;
 constexpr U32 journalPresent = 1;
 
@@ -77,6 +78,8 @@ struct Header {
   U64 slotsOffset;
   U64 fileSize;
   U64 generation;
+  U32 mode;      // permission bits of the table's files, which every generation keeps
+  U32 reserved;  // zero
   U64 checksum;
   // Set once, by the writer, when a newer generation replaces this one.
   alignas(64) U64 successor;
@@ -91,6 +94,10 @@ struct Header {
 
 // FNV-1a over the header's bytes before its checksum field.
 U64 headerChecksum(const Header& h);
+// FNV-1a (32 bits) over a journal entry's update counter, number, flags and
+// record: an entry damaged, or left behind by an earlier update, does not
+// match.
+U32 journalChecksum(U64 updateCounter, U32 entry, U32 flags, const U8* record, U32 recordSize);
 
 inline U64 loadAcquire(const U64& v) { return std::atomic_ref<U64>(const_cast<U64&>(v)).load(std::memory_order_acquire); }
 inline U64 loadRelaxed(const U64& v) { return std::atomic_ref<U64>(const_cast<U64&>(v)).load(std::memory_order_relaxed); }
@@ -138,14 +145,20 @@ class Mapping {
   Header& header() const { return *reinterpret_cast<Header*>(base_); }
   const Geometry& geometry() const { return geometry_; }
   U64 generation() const { return generation_; }
+  U32 mode() const { return mode_; }
   U32& indexEntry(U64 i) const { return reinterpret_cast<U32*>(base_ + geometry_.indexOffset)[i]; }
   U8* slot(U64 i) const { return base_ + geometry_.slotsOffset + i * geometry_.stride; }
   U32& seqWord(U64 i) const { return *reinterpret_cast<U32*>(slot(i) + geometry_.stride - 4); }
-  // Journal entry i: a U32 of flags, four bytes of padding, then the record.
+  // Journal entry i: a U32 of flags, its U32 checksum, then the record.
   U32& journalFlags(U32 i) const { return *reinterpret_cast<U32*>(journalEntry(i)); }
+  U32& journalCheck(U32 i) const { return *reinterpret_cast<U32*>(journalEntry(i) + 4); }
   U8* journalRecord(U32 i) const { return journalEntry(i) + 8; }
   bool sameFile(const struct stat& st) const { return st.st_dev == dev_ && st.st_ino == ino_; }
   U64 residentBytes() const;
+  // Calls visit(from, to) for the parts of [from, to) that may hold bytes
+  // other than zero: holes are skipped untouched (on tmpfs a read through
+  // the mapping would give them memory).
+  void forEachData(U64 from, U64 to, const std::function<void(U64 from, U64 to)>& visit) const;
 
   // Whether some open file holds the writer lock (a live writer).
   bool writerAttached() const;
@@ -157,13 +170,14 @@ class Mapping {
   void copySlots(const Mapping& from, U64 slots);
 
  private:
-  Mapping(int fd, U8* base, const Geometry& g, U64 generation);
+  Mapping(int fd, U8* base, const Geometry& g, U64 generation, U32 mode);
   void populate(U64 from, U64 to);
   U8* journalEntry(U32 i) const { return base_ + geometry_.journalOffset + U64(i) * geometry_.journalStride; }
   int fd_;
   U8* base_;
   Geometry geometry_;
   U64 generation_;
+  U32 mode_;
   dev_t dev_ = 0;
   ino_t ino_ = 0;
   U64 reservedBytes_ = 0;

@@ -3,7 +3,7 @@
 //
 // A new generation is built complete under its own name (every slot below
 // the high-water mark at the same number, a fresh index without tombstones,
-// the update in progress carried over), then published with one release
+// the update in progress carried over, the table's mode), then published with one release
 // store of its number in the old header (successor), then renamed over the
 // table's name. What a reader may assume: a successor it sees is complete;
 // until the rename the name still leads to the old file, whose mapping stays
@@ -72,7 +72,8 @@ void SharedTableWriter::rebuild(const Geometry& g) {
   const U64 gen = map_->generation() + 1;
   const std::string file = generationFileName(path_, gen);
   unlink(file.c_str());
-  auto next = Mapping::create(file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, options_.mode);
+  // The table's own mode, whatever the options of the writer that reopened it say.
+  auto next = Mapping::create(file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, map_->mode());
   try {
     next->copySlots(*map_, top);
     // An update in progress may put records back below its own high-water

@@ -42,13 +42,6 @@ void throwDamage(const std::string& path, Problem problem, U64 position, U64 slo
   throw CorruptionException(fmt::format("{}: {}", path, describe(problem, position, slot, g)));
 }
 
-U64 countTombstones(const Mapping& m) {
-  const U32 tombstone = tombstoneEntry(m.geometry().slotBits);
-  U64 count = 0;
-  for (U64 i = 0; i < m.geometry().indexEntries; ++i) count += loadRelaxed(m.indexEntry(i)) == tombstone;
-  return count;
-}
-
 // A removed key leaves a tombstone, so that no entry moves under a reader;
 // a tombstone followed by an empty entry ends no probe sequence that goes
 // on past it, and it becomes empty with the tombstones before it.

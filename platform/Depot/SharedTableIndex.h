@@ -140,7 +140,6 @@ inline Spot locate(const Mapping& m, const Keys& keys, const U8* key, U64 hash, 
   throwDamage(path, Problem::endless, pos, 0, g);
 }
 
-U64 countTombstones(const Mapping& m);
 // Clears the entry at position: a tombstone, or empty when that cuts no
 // probe sequence short. Keeps tombstones (the index's count) up to date.
 void deleteEntry(Mapping& m, U64 position, U64& tombstones);

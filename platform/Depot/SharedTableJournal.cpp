@@ -12,6 +12,11 @@
 // counter). A new generation carries the counter and the journal over.
 // Readers never look at the journal; they may use the counter to tell that
 // no update overlapped a query.
+//
+// A writer that reopens a file trusts nothing in it that it has not
+// checked: the journal is replayed only when every entry is whole and
+// belongs to the unfinished update, and the counts come from the slots and
+// the index. What it cannot repair it refuses before changing anything.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -28,7 +33,78 @@ namespace {
 
 constexpr const char* sourcePath = "Depot/SharedTableJournal.cpp";
 
+// The journal of an unfinished update is replayed only when every entry is
+// the one the writer wrote for it: a wrong entry would undo changes that
+// never happened (remove a record that was there all along).
+void checkJournal(const Mapping& m, const RecordLayout& layout, const std::string& path) {
+  const Keys keys(layout);
+  const U64 counter = loadRelaxed(m.header().updateCounter);
+  const U32 entries = loadRelaxed(m.header().journalCount);
+  if (entries > journalEntries)
+    throw SharedFileException(fmt::format("{}: damaged journal ({} entries)", path, entries));
+  if (!(counter & 1)) return;  // at rest: dropped unread
+  for (U32 i = 0; i < entries; ++i) {
+    const U32 flags = loadRelaxed(m.journalFlags(i));
+    const U8* record = m.journalRecord(i);
+    std::string wrong;
+    if (m.journalCheck(i) != journalChecksum(counter, i, flags, record, layout.recordSize))
+      wrong = "checksum mismatch";
+    else if (flags & ~journalPresent)
+      wrong = fmt::format("unknown flags {:#x}", flags);
+    for (U32 at = 0; wrong.empty() && !(flags & journalPresent) && at < layout.recordSize; ++at)
+      if (record[at] != 0 && (at < layout.keyOffset || at >= layout.keyOffset + layout.keySize))
+        wrong = "the entry of an absent record holds more than its key";
+    for (U32 j = 0; wrong.empty() && j < i; ++j)
+      if (keys.same(keys.of(m.journalRecord(j)), keys.of(record))) wrong = fmt::format("its key is entry {}'s too", j);
+    if (!wrong.empty())
+      throw SharedFileException(fmt::format(
+          "{}: damaged journal entry {} of {} ({}): the unfinished update cannot be undone", path, i, entries, wrong));
+  }
+}
+
 }  // namespace
+
+Survey surveyForWriter(const Mapping& m, const RecordLayout& layout, const std::string& path) {
+  const Geometry& g = m.geometry();
+  // Every generation is created with the memory of its header, journal and
+  // index reserved; a file without it (sparse, or a forged capacity) would
+  // take memory at every index entry the writer touches.
+  if (m.residentBytes() < g.slotsOffset)
+    throw SharedFileException(fmt::format("{}: holds {} bytes of memory where its header, journal and index need {} "
+                                          "(a sparse file or a forged capacity)",
+                                          path, m.residentBytes(), g.slotsOffset));
+  checkJournal(m, layout, path);
+  Survey found;
+  const U32 tombstone = tombstoneEntry(g.slotBits);
+  for (U64 i = 0; i < g.indexEntries; ++i) {
+    const U32 e = loadRelaxed(m.indexEntry(i));
+    found.tombstones += e == tombstone;
+    found.liveEntries += e != 0 && e != tombstone;
+  }
+  // Every slot up to the capacity, not only below the header's mark: a slot
+  // in use above it would be handed out again.
+  const U64 firstSeq = g.slotsOffset + g.stride - 4;
+  m.forEachData(firstSeq, g.slotsOffset + g.capacity * g.stride, [&](U64 from, U64 to) {
+    const U64 first = (std::max(from, firstSeq) - firstSeq + g.stride - 1) / g.stride;
+    for (U64 s = first; s < g.capacity && firstSeq + s * g.stride < to; ++s) {
+      const U32 seq = loadRelaxed(m.seqWord(s));
+      if (seq & (seqLive | seqBusy)) found.top = s + 1;
+      found.liveSlots += (seq & seqLive) != 0;
+    }
+  });
+  const Header& h = m.header();
+  if (const U64 mark = loadRelaxed(h.highWater); mark < found.top)
+    found.repairs.push_back(fmt::format("high-water mark {} is below slot {}, which is in use", mark, found.top - 1));
+  // Between two updates every live slot has one index entry and no entry
+  // names a free slot; inside one the index is rebuilt anyway.
+  if (!(loadRelaxed(h.updateCounter) & 1) &&
+      (found.liveEntries != found.liveSlots || found.liveEntries + found.tombstones > indexLimit(g.indexEntries))) {
+    found.repairs.push_back(fmt::format("the index names {} records (and {} removed keys) where the slots hold {}",
+                                        found.liveEntries, found.tombstones, found.liveSlots));
+    found.rebuildIndex = true;
+  }
+  return found;
+}
 
 std::unique_ptr<SharedTable> SharedTableWriter::open(const RecordLayout& layout, const std::string& path,
                                                      const SharedTableOptions& options) {
@@ -54,16 +130,21 @@ std::unique_ptr<SharedTable> SharedTableWriter::open(const RecordLayout& layout,
     }
     auto m = Mapping::attach(fd, path, layout, true);
     // A writer that stopped between publishing a generation and putting it
-    // in place left it complete under its generation name.
-    if (U64 successor = loadAcquire(m->header().successor)) {
-      std::string next = generationFileName(path, successor);
-      if (rename(next.c_str(), path.c_str()) == 0) continue;
-      storeRelease(m->header().successor, 0);
+    // in place left it complete under its generation name (the next number).
+    const U64 successor = loadAcquire(m->header().successor);
+    if (successor == m->generation() + 1 && rename(generationFileName(path, successor).c_str(), path.c_str()) == 0)
+      continue;
+    const Survey found = surveyForWriter(*m, layout, path);
+    try {
+      m->reserveSlots(found.top);
+    } catch (const Basis::Exception& e) {
+      throw SharedFileException(fmt::format("{}: {}", path, e.what()));
     }
+    if (successor) storeRelease(m->header().successor, 0);
     for (const std::string& f : leftoverFiles(path)) unlink(f.c_str());
     std::atomic_ref<U32>(m->header().writerPid).store(U32(getpid()), std::memory_order_release);
-    auto table = std::make_unique<SharedTableWriter>(layout, path, options, std::move(m));
-    table->recover();
+    auto table = std::make_unique<SharedTableWriter>(layout, path, options, std::move(m), found);
+    table->recover(found);
     return table;
   }
   throw SharedFileException(fmt::format("{} keeps changing while it is being opened", path));
@@ -74,25 +155,24 @@ std::unique_ptr<SharedTable> SharedTableWriter::open(const RecordLayout& layout,
 // changing go back to what they held, the index is rebuilt from the slots,
 // and the journal restores the records as they were before the update.
 // Outside one, a slot left half-written is damage and is dropped.
-void SharedTableWriter::recover() {
+void SharedTableWriter::recover(const Survey& found) {
   Header& h = map_->header();
   const bool interrupted = loadRelaxed(h.updateCounter) & 1;
   const U32 entries = loadRelaxed(h.journalCount);
-  if (entries > journalEntries)
-    throw SharedFileException(fmt::format("{}: damaged journal ({} entries)", path_, entries));
+  for (const std::string& repair : found.repairs) reportCorruption(repair);
   // A rebuild carries the journal over.
   journalUsed_ = interrupted ? entries : 0;
-  bool dropped = false;
-  for (U64 s = 0, top = std::min(loadRelaxed(h.highWater), capacity()); s < top; ++s) {
+  bool damaged = found.rebuildIndex;
+  for (U64 s = 0; s < found.top; ++s) {
     U32& seq = map_->seqWord(s);
     if (!(seq & seqBusy)) continue;
     if (!interrupted) {
       reportCorruption(fmt::format("dropped slot {}, left half-written by a writer that stopped", s));
-      dropped = true;
+      damaged = true;
     }
     storeRelease(seq, nextSeq(seq, interrupted ? seq & seqLive : 0));
   }
-  if (interrupted || dropped) rebuild(geometryFor(layout_, capacity(), std::max(options_.maxEntries, capacity())));
+  if (interrupted || damaged) rebuild(geometryFor(layout_, capacity(), std::max(options_.maxEntries, capacity())));
   if (!interrupted) {
     if (entries != 0) storeRelease(map_->header().journalCount, 0);
     return;
@@ -193,7 +273,9 @@ void SharedTableWriter::journal(const U8* key, const U8* old) {
     std::memset(entry, 0, layout_.recordSize);
     std::memcpy(entry + layout_.keyOffset, key, layout_.keySize);
   }
-  map_->journalFlags(journalUsed_) = old ? journalPresent : 0;
+  const U32 flags = old ? journalPresent : 0;
+  map_->journalFlags(journalUsed_) = flags;
+  map_->journalCheck(journalUsed_) = journalChecksum(counter_ + 1, journalUsed_, flags, entry, layout_.recordSize);
   storeOrder();
   storeRelease(map_->header().journalCount, ++journalUsed_);
   storeOrder();
@@ -207,6 +289,7 @@ void SharedTableWriter::carryUpdateInto(Mapping& next) const {
   h.journalCount = journalUsed_;
   for (U32 i = 0; i < journalUsed_; ++i) {
     next.journalFlags(i) = map_->journalFlags(i);
+    next.journalCheck(i) = map_->journalCheck(i);
     std::memcpy(next.journalRecord(i), map_->journalRecord(i), layout_.recordSize);
   }
 }

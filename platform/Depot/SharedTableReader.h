@@ -171,7 +171,15 @@ class SharedTableBase : public SharedTable {
   bool startReadingAround(const Mapping& m) const {
     if constexpr (!Self::readsAround) return false;
     const U64 counter = loadAcquire(m.header().updateCounter);
-    if (!(counter & 1) || loadAcquire(m.header().journalCount) > journalEntries || m.writerAttached()) return false;
+    const U32 entries = loadAcquire(m.header().journalCount);
+    if (!(counter & 1) || entries > journalEntries || m.writerAttached()) return false;
+    // Only a journal whose every entry is intact and of this update is read.
+    U8 record[maxStride];
+    for (U32 i = 0; i < entries; ++i) {
+      std::memcpy(record, m.journalRecord(i), layout_.recordSize);
+      const U32 flags = loadRelaxed(m.journalFlags(i));
+      if (loadRelaxed(m.journalCheck(i)) != journalChecksum(counter, i, flags, record, layout_.recordSize)) return false;
+    }
     openByGone_ = counter;
     return true;
   }

@@ -21,14 +21,14 @@
 namespace Depot::sharedfile {
 
 SharedTableWriter::SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
-                                     std::unique_ptr<Mapping> m)
+                                     std::unique_ptr<Mapping> m, const Survey& found)
     : SharedTableBase(layout, std::move(path), std::move(m)),
       options_(options),
       scratch_(layout.recordSize),
       undoRecord_(layout.recordSize) {
   counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
-  tombstones_ = countTombstones(*map_);
-  rescan(std::min(loadRelaxed(map_->header().highWater), capacity()));
+  tombstones_ = found.tombstones;
+  rescan(found.top);
 }
 
 SharedTableWriter::~SharedTableWriter() {

@@ -27,6 +27,24 @@ inline void storeOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); 
 // free (0); the low byte is kept.
 inline U32 nextSeq(U32 old, U32 live) { return ((old & seqVersionMask) + seqVersionStep) | live | (old & 0xFFu); }
 
+// What a writer finds in a generation it reopens, counted from the slots
+// and the index rather than taken from the header.
+struct Survey {
+  U64 top = 0;          // one past the highest slot that is live or busy
+  U64 liveSlots = 0;
+  U64 liveEntries = 0;  // index entries that name a slot
+  U64 tombstones = 0;
+  // Damage the writer repairs (the index is rebuilt when rebuildIndex).
+  std::vector<std::string> repairs;
+  bool rebuildIndex = false;
+};
+// Checks a generation before a writer trusts it: the memory behind its
+// header, journal and index, the journal of an unfinished update (each
+// entry's checksum, flags and key), the header's counts against the slots
+// and the index. Raises SharedFileException naming the file for what cannot
+// be repaired safely; reads only, and skips the holes of the slot area.
+Survey surveyForWriter(const Mapping& m, const RecordLayout& layout, const std::string& path);
+
 class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
  public:
   static constexpr bool readsAround = false;  // its own open update is the truth
@@ -34,7 +52,7 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   static std::unique_ptr<SharedTable> open(const RecordLayout& layout, const std::string& path,
                                            const SharedTableOptions& options);
   SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
-                    std::unique_ptr<Mapping> m);
+                    std::unique_ptr<Mapping> m, const Survey& found = {});
   ~SharedTableWriter() override;
 
   bool isWriter() const override { return true; }
@@ -69,7 +87,7 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   void rescan(U64 top);
 
   // Updates and recovery (SharedTableJournal.cpp).
-  void recover();
+  void recover(const Survey& found);
   void rollBack();
   void refuseIfBroken() const;
   void publishCounts();

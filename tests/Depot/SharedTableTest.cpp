@@ -213,13 +213,17 @@ TEST_F(SharedTable, AttachingToABadFileFailsNamingIt) {
       {"checksummedTypeNamePadding", flip(offsetof(Header, typeName) + 41), ": damaged header"},
       {"lastChecksummedByte", flip(offsetof(Header, checksum) - 1), ": damaged header"},
       {"journalCount", [](const std::string& p) { damageable(p)->header().journalCount = 33; }, ": damaged journal"},
-      {"forgedGeneration", forge(&Header::generation), ": damaged header"}, {"forgedStride", forge(&Header::stride), ": damaged header"}};
+      {"forgedGeneration", forge(&Header::generation), ": damaged header"}, {"forgedStride", forge(&Header::stride), ": damaged header"},
+      {"forgedMode", [](const std::string& p) { auto m = damageable(p); m->header().mode = 01600; m->header().checksum = Depot::sharedfile::headerChecksum(m->header()); }, ": damaged header (mode 1600)"},
+      {"sparse", [](const std::string& p) {  // a header promising an index of gigabytes: its writer stops before touching it
+         auto m = damageable(p); const auto g = Depot::sharedfile::geometryOf(node4, U64(1) << 30); std::tie(m->header().capacity, m->header().indexEntries, m->header().slotsOffset, m->header().fileSize) = std::tuple(g.capacity, g.indexEntries, g.slotsOffset, g.fileSize);
+         m->header().checksum = Depot::sharedfile::headerChecksum(m->header()), fs::resize_file(p, g.fileSize); }, ": holds "}};
   for (const auto& [name, damage, says] : cases) {
     fs::copy_file(good, path = root.file(name));
     damage(path);
     const auto fails = ThrowsMessage<Depot::SharedFileException>(HasSubstr(path + says));
     EXPECT_TRUE(name == "missing" || testing::Value([&] { writer(); }, fails)) << name;  // a writer creates a missing file
-    EXPECT_TRUE(name == "journalCount" ? reader() != nullptr : testing::Value([&] { reader(); }, fails)) << name;
+    EXPECT_TRUE(name == "journalCount" || name == "sparse" ? reader() != nullptr : testing::Value([&] { reader(); }, fails)) << name;
   }
   path = good;
   EXPECT_THAT([&] { reader(node6); }, ThrowsMessage<Depot::SharedFileException>(HasSubstr(
@@ -232,6 +236,9 @@ TEST_F(SharedTable, FilesGetTheirModeAndOtherUsersAreDenied) {
     EXPECT_EQ(std::pair(U32(fs::status(path).permissions()), U32(fs::status(fs::path(path).parent_path()).permissions())),
               std::pair(mode, dirMode));
   }
+  auto w = writer();  // options of 0644: the table's own 0600 wins in the generations it grows into
+  for (U32 k = 1; k < 3000; ++k) put(*w, k, 1);
+  EXPECT_EQ(std::pair(w->generation() > 1, U32(fs::status(path).permissions())), std::pair(true, 0600u));
   if (geteuid() != 0) GTEST_SKIP() << "acting as another user needs root";
   chmod(root.path.c_str(), 0755), chmod(root.file("m600").c_str(), 0755);
   const auto denied = ThrowsMessage<Depot::SharedFileException>(HasSubstr("cannot open " + path + " for reading: permission denied (mode 0600"));
@@ -239,7 +246,8 @@ TEST_F(SharedTable, FilesGetTheirModeAndOtherUsersAreDenied) {
 }
 
 // Damage reads as corruption naming the file: an entry naming a slot past the table, no empty entry, a slot left half-
-// written by a stopped writer. The next writer drops that slot and rebuilds the index; it drops a journal left at rest.
+// written by a stopped writer. The next writer reports the index and that slot, drops the slot and rebuilds the index; it
+// drops a journal left at rest.
 TEST_F(SharedTable, DamageIsReportedAndTheNextWriterRebuildsTheIndex) {
   for (const Depot::RecordLayout* l : {&node4, &node6}) {
     auto w = (path = root.file(l->typeName), writer(100, *l));
@@ -264,7 +272,42 @@ TEST_F(SharedTable, DamageIsReportedAndTheNextWriterRebuildsTheIndex) {
     says(4, "slot 3 was left half-written by a writer that stopped");
     auto next = writer(100, *l);
     EXPECT_EQ(std::tuple(next->corruptionCount(), damageable(path, *l)->header().journalCount, version(*r, 4), contents(*r).size()),
-              std::tuple(U64(2), 0u, 0u, size_t(48)));
+              std::tuple(U64(3), 0u, 0u, size_t(48)));
+  }
+}
+
+// A reopening writer recounts what the header says (a high-water mark below a slot in use is damage it repairs) and
+// replays a journal only if each entry is the one written for the unfinished update; else it leaves the file as it is.
+TEST_F(SharedTable, AReopeningWriterRecountsTheHeaderAndRefusesAJournalItCannotTrust) {
+  auto w = writer(100);
+  std::map<U32, U32> model;
+  for (U32 k = 1; k <= 60; ++k) put(*w, k, 1), model[k] = 1;
+  for (U32 k = 2; k <= 60; k += 7) drop(*w, k), model.erase(k);
+  const Depot::SharedTableStats sound = (w->stats()); w.reset();
+  auto m = damageable(path);
+  std::tie(m->header().highWater, m->header().occupancy, m->header().tombstones, m->header().journalCount) = std::tuple(0, 7, 999, 5);
+  EXPECT_THAT(Depot::sharedTableProblems(node4, path), testing::ElementsAre(fmt::format(
+                  "{}: high-water mark 0 is below slot {}, which is in use; its next writer repairs it", path, sound.highWater - 1)));
+  const Depot::SharedTableStats s = (w = writer())->stats();
+  EXPECT_EQ(std::tuple(s.occupancy, s.highWater, s.tombstones, w->corruptionCount(), m->header().journalCount, contents(*reader())),
+            std::tuple(sound.occupancy, sound.highWater, sound.tombstones, U64(1), 0u, model));
+  const auto bytes = [&] { std::ifstream in(path, std::ios::binary); return std::string(std::istreambuf_iterator<char>(in), {}); };
+  const std::string good = (put(*w, 70, 1), w.reset(), bytes());  // the last update's journal (70 was absent) stays in it
+  auto journal = [&](std::vector<std::pair<U32, Rec>> entries) {  // of an update left unfinished, with matching checksums
+    std::ofstream(path, std::ios::binary) << good;
+    m = damageable(path), m->header().updateCounter |= 1, m->header().journalCount = U32(entries.size());
+    for (U32 i = 0; i < entries.size(); ++i)
+      std::memcpy(m->journalRecord(i), entries[i].second.data(), node4.recordSize), m->journalFlags(i) = entries[i].first,
+      m->journalCheck(i) = Depot::sharedfile::journalChecksum(m->header().updateCounter, i, entries[i].first, entries[i].second.data(), node4.recordSize);
+  };
+  for (const auto& [damage, says] : std::vector<std::pair<std::function<void()>, std::string>>{
+           {[&] { journal({}), m->header().journalCount = 1; }, "0 of 1 (checksum mismatch)"},  // the last update's entry
+           {[&] { journal({{2, recordOf(node4, 70, 1)}}); }, "0 of 1 (unknown flags 0x2)"},
+           {[&] { journal({{0, recordOf(node4, 70, 1)}}); }, "0 of 1 (the entry of an absent record holds more than its key)"},
+           {[&] { journal({{1, recordOf(node4, 3, 1)}, {1, recordOf(node4, 3, 2)}}); }, "1 of 2 (its key is entry 0's too)"}}) {
+    const std::string damaged = (damage(), bytes()), message = path + ": damaged journal entry " + says;
+    EXPECT_THAT([&] { writer(); }, ThrowsMessage<Depot::SharedFileException>(HasSubstr(message)));
+    EXPECT_EQ(std::pair(bytes() == damaged, Depot::sharedTableProblems(node4, path).at(0)), std::pair(true, message + ": the unfinished update cannot be undone; its writer refuses it"));
   }
 }
 

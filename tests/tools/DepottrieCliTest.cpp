@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <cstdio>
 
+#include "Depot/SharedTableFile.h"
 #include "TrieLib/TrieMount.h"
 #include "support/TempRoot.h"
 
@@ -46,4 +49,21 @@ TEST(DepottrieCli, CheckFindsDamageALiveWriterMadeAndASecondWriterIsRefused) {
   const Result second = run(shared + "batch --name t", "add 12.0.0.0/8\\n");
   EXPECT_EQ(second.status, 1);
   EXPECT_THAT(second.out, testing::StartsWith("depottrie: "));
+}
+
+// A 0600 trie stays 0600 as the tool, with its default mode, grows it. When the last update's journal is made current
+// again its checksum does not match: the writer refuses the trie, and check says why.
+TEST(DepottrieCli, ATrieKeepsItsModeAndCheckExplainsAJournalItsWriterRefuses) {
+  testkit::TempRoot root;
+  const std::string shared = "--root " + root.path + " ", file = root.file("t/trieNode");
+  std::string adds;  // enough to grow the IPv4 table
+  for (int i = 0; i < 2000; ++i) adds += fmt::format("add {}.{}.0.0/16\\n", 20 + i / 256, i % 256);
+  ASSERT_EQ(run(shared + "batch --name t --mode 0600", "add 10.0.0.0/8\\n").status + run(shared + "batch --name t", adds).status, 0);
+  auto trie = Routing::Lattice::trieReaderNew("t", {.root = root.path}); const Depot::Table& t = trie->trieNodeMap().table();
+  EXPECT_EQ(std::pair(std::filesystem::status(file).permissions(), t.capacity() > 1024), std::pair(std::filesystem::perms(0600), true));
+  auto m = Depot::sharedfile::Mapping::attach(open(file.c_str(), O_RDWR), file, t.layout(), true);
+  m->header().updateCounter |= 1, m->header().journalCount = 1, m.reset();
+  const Result check = run(shared + "check --name t"), load = run(shared + "batch --name t", "add 12.0.0.0/8\\n");
+  const std::string says = file + ": damaged journal entry 0 of 1 (checksum mismatch): the unfinished update cannot be undone";
+  EXPECT_EQ(std::tuple(check.status, check.out.find(says + "; its writer refuses it\n") != std::string::npos, load.status, load.out), std::tuple(1, true, 1, "depottrie: " + says + "\n"));
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "Commands.h"
+#include "Depot/SharedTable.h"
 #include "TrieLib/TrieCheck.h"
 
 namespace DepotTrieTool {
@@ -55,7 +56,10 @@ int statsCommand(const Target& target) {
 
 int checkCommand(const Target& target) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  const std::vector<std::string> problems = Routing::Lattice::checkTrie(*trie);
+  std::vector<std::string> problems = Routing::Lattice::checkTrie(*trie);
+  // What the next writer would refuse or repair in the files, which the records alone do not show.
+  for (const Depot::Table* t : {&trie->trieNodeMap().table(), &trie->trieNode6Map().table()})
+    for (std::string& p : Depot::sharedTableProblems(t->layout(), t->rootPath())) problems.push_back(std::move(p));
   for (const std::string& p : problems) fmt::print("{}\n", p);
   const U64 r4 = trie->trieNodeMap().table().occupancy();
   const U64 r6 = trie->trieNode6Map().table().occupancy();

@@ -24,11 +24,29 @@ int main(int argc, char** argv) {
     return sub->add_option("--name,-n", target.name, "trie name")->capture_default_str();
   };
 
+  // Octal permission bits that leave the owner (the writer) read and write.
+  const CLI::Validator octalMode(
+      [](std::string& text) {
+        const bool octal = !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
+        const unsigned long mode = octal ? std::stoul(text, nullptr, 8) : 0;
+        if (!octal || mode > 0777) return fmt::format("{} is not a mode in octal, such as 0600, 0640 or 0644", text);
+        return (mode & 0600) == 0600 ? std::string() : fmt::format("{} leaves the owner without read and write", text);
+      },
+      "OCTAL");
+  auto modeOption = [&target, &octalMode](CLI::App* sub) {
+    return sub
+        ->add_option_function<std::string>(
+            "--mode", [&target](const std::string& text) { target.mount.mode = U32(std::stoul(text, nullptr, 8)); },
+            "permission bits of the files of a new trie (default 0644); an existing trie keeps its own")
+        ->check(octalMode);
+  };
+
   std::vector<std::string> files;
   CLI::App* load = app.add_subcommand("load", "insert prefixes from files into a shared trie (its writer)");
   load->add_option("files", files, "one prefix per line, # comments; - is standard input; .xz is read directly")
       ->required();
   nameOption(load);
+  modeOption(load);
 
   std::vector<std::string> queries;
   CLI::App* lookup = app.add_subcommand("lookup", "the longest stored prefix covering each address or prefix");
@@ -59,7 +77,8 @@ int main(int argc, char** argv) {
   bool local = false;
   CLI::App* batch = app.add_subcommand("batch", "run the batch line protocol from standard input");
   CLI::Option* batchName = nameOption(batch);
-  batch->add_flag("--local", local, "use a process-local trie instead of a shared one")->excludes(batchName);
+  CLI::Option* batchMode = modeOption(batch);
+  batch->add_flag("--local", local, "use a process-local trie instead of a shared one")->excludes(batchName, batchMode);
 
   U64 count = 1000000;
   U64 seed = 1;
