@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Lines.h"
 
 namespace DepotTrieTool {
 namespace {
@@ -158,11 +159,12 @@ int runBatch(Trie& trie, std::istream& in, std::FILE* out, std::FILE* err) {
   Session session(trie, out);
   int status = 0;
   std::string line;
-  for (U64 lineNo = 1; std::getline(in, line); ++lineNo) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+  bool tooLong = false;
+  for (U64 lineNo = 1; readBoundedLine(in, line, tooLong); ++lineNo) {
     std::vector<std::string_view> words = splitWords(line);
     if (words.empty() || words[0].front() == '#') continue;
     try {
+      if (tooLong) throw Basis::RangeException(tooLongMessage(line));
       session.execute(words);
     } catch (const Basis::Exception& e) {
       std::fflush(out);

@@ -127,24 +127,30 @@ bool InputFile::fill() {
   return false;
 }
 
+// Past maxLineBytes without a line end, the line's start is kept and the
+// rest of it is dropped as it is read.
 bool InputFile::readLine(std::string& line) {
+  tooLong_ = false;
   size_t scanFrom = textPos_;
   for (;;) {
     size_t nl = text_.find('\n', scanFrom);
     if (nl != std::string::npos) {
-      line.assign(text_, textPos_, nl - textPos_);
+      if (!tooLong_ && nl - textPos_ > maxLineBytes) tooLong_ = true, line.assign(text_, textPos_, maxLineBytes);
+      if (!tooLong_) line.assign(text_, textPos_, nl - textPos_);
       textPos_ = nl + 1;
       break;
     }
+    if (!tooLong_ && text_.size() - textPos_ > maxLineBytes) tooLong_ = true, line.assign(text_, textPos_, maxLineBytes);
+    if (tooLong_) textPos_ = text_.size();
     scanFrom = text_.size() - textPos_;
     if (!fill()) {
-      if (textPos_ == text_.size()) return false;
-      line.assign(text_, textPos_, std::string::npos);
+      if (textPos_ == text_.size() && !tooLong_) return false;
+      if (!tooLong_) line.assign(text_, textPos_, std::string::npos);
       textPos_ = text_.size();
       break;
     }
   }
-  if (!line.empty() && line.back() == '\r') line.pop_back();
+  if (!tooLong_ && !line.empty() && line.back() == '\r') line.pop_back();
   return true;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Basis/Types.h"
+#include "Lines.h"
 
 namespace DepotTrieTool {
 
@@ -22,8 +23,10 @@ class InputFile {
   // The name used in messages ("<stdin>" for standard input).
   const std::string& displayName() const { return displayName_; }
   // Next line without its line end; false at the end of the input. Raises
-  // Basis::Exception naming the file on a read error or damaged xz data.
+  // Basis::Exception naming the file on a read error or damaged xz data. A
+  // line longer than maxLineBytes gives its first bytes and lineTooLong().
   bool readLine(std::string& line);
+  bool lineTooLong() const { return tooLong_; }
   // Bytes of the file taken in so far (read and passed on to the decoder or
   // the line buffer), and its size (0 when unknown).
   U64 consumed() const { return readBytes_ - (rawLen_ - rawPos_); }
@@ -50,6 +53,7 @@ class InputFile {
   size_t textPos_ = 0;
   U64 readBytes_ = 0;
   U64 size_ = 0;
+  bool tooLong_ = false;
 };
 
 }  // namespace DepotTrieTool

@@ -41,6 +41,12 @@ struct LoadCounts {
 void loadFile(Routing::Lattice::Trie& trie, InputFile& in, LoadCounts& counts, Progress& progress) {
   std::string line;
   for (U64 lineNo = 1; in.readLine(line); ++lineNo) {
+    if (in.lineTooLong()) {
+      fmt::print(stderr, "{}{}:{}: {}\n", progress.enabled() ? "\r\x1b[K" : "", in.displayName(), lineNo,
+                 tooLongMessage(line));
+      ++counts.badLines;
+      continue;
+    }
     std::string_view text = routeText(line);
     if (text.empty()) continue;
     Addrkit::IpGenPrefix p;

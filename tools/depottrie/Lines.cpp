@@ -1,0 +1,29 @@
+#include "Lines.h"
+
+#include <fmt/format.h>
+
+namespace DepotTrieTool {
+
+std::string tooLongMessage(std::string_view start) {
+  return fmt::format("line longer than {} bytes: '{}...'", maxLineBytes, start.substr(0, 40));
+}
+
+bool readBoundedLine(std::istream& in, std::string& line, bool& tooLong) {
+  line.clear();
+  tooLong = false;
+  std::streambuf* buf = in.rdbuf();
+  for (bool any = false;; any = true) {
+    const int c = buf->sbumpc();
+    if (c == std::char_traits<char>::eof()) {
+      in.setstate(std::ios::eofbit);
+      return any;
+    }
+    if (c == '\n') break;
+    if (line.size() < maxLineBytes) line.push_back(char(c));
+    else tooLong = true;
+  }
+  if (!tooLong && !line.empty() && line.back() == '\r') line.pop_back();
+  return true;
+}
+
+}  // namespace DepotTrieTool
