@@ -164,15 +164,22 @@ Addrkit::IpGenPrefix successor(const Trie* trie, const typename F::Key& prefix) 
 
 // ---- Pre-order walk ----
 
+// A walk that went deeper than a sound trie can be.
+class WalkTooDeep : public Basis::Exception {
+ public:
+  using Basis::Exception::Exception;
+};
+
 // Visits the node of `key` and its subtree, level levels below the walk's
 // start; false when the visitor aborted. A healthy trie is at most
-// F::maxDescents + 1 nodes deep: deeper means a cycle in damaged tables.
+// F::maxDescents + 1 nodes deep: deeper means a cycle in damaged tables, or
+// records read across another process's changes.
 template <class F>
 bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& key, bool allLengths, U32 level) {
   constexpr U32 walkLevels = F::maxDescents + 1;
   if (level >= walkLevels)
-    throw Basis::Exception(fmt::format("trie {}: {} walk deeper than {} levels at {}; the trie is damaged",
-                                       trie->name(), F::name, walkLevels, key));
+    throw WalkTooDeep(fmt::format("trie {}: {} walk deeper than {} levels at {}; the trie is damaged", trie->name(),
+                                  F::name, walkLevels, key));
   typename F::Record node = F::read(trie, key);
   // A subtree root that is no node key starts at the node that holds it.
   if (F::isAbsent(node)) node = F::lpmNode(trie, key);
@@ -200,10 +207,10 @@ bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& ke
   return goOn;
 }
 
-// The family's branch of Trie::preOrderWalk: the default route first, then
-// the subtree (or the whole tree for the root key).
+// The walk itself: the default route first, then the subtree (or the whole
+// tree for the root key).
 template <class F>
-void walkFamily(const Trie* trie, WalkVisitor& visitor, const typename F::Key& subtreeRoot) {
+void walkFamilyOnce(const Trie* trie, WalkVisitor& visitor, const typename F::Key& subtreeRoot) {
   if (!F::isAbsent(F::read(trie, F::defaultRouteKey()))) {
     TRIE_TRACE(6, "{}", F::walkDefaultRouteText);
     if (visitor.visit(F::defaultRoute()) == abortWalk) return;
@@ -216,6 +223,21 @@ void walkFamily(const Trie* trie, WalkVisitor& visitor, const typename F::Key& s
   const typename F::Key top = F::top(F::read(trie, F::rootKey()));
   if (top == F::nullKey()) return;
   walkBelow<F>(trie, visitor, top, true, 0);
+}
+
+// The family's branch of Trie::preOrderWalk. A walk led astray by a writer's
+// changes in another process is not called damage.
+template <class F>
+void walkFamily(const Trie* trie, WalkVisitor& visitor, const typename F::Key& subtreeRoot) {
+  const U64 counter = F::map(*trie).updateCounter();
+  try {
+    walkFamilyOnce<F>(trie, visitor, subtreeRoot);
+  } catch (const WalkTooDeep&) {
+    if (F::map(*trie).updateCounter() == counter && !(counter & 1)) throw;
+    throw Basis::Exception(fmt::format("trie {}: the {} table changed while it was walked; a walk that must see one "
+                                       "state goes through a consistent reader",
+                                       trie->name(), F::name));
+  }
 }
 
 }  // namespace Routing::Lattice
