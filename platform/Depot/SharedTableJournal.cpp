@@ -10,8 +10,9 @@
 // either a complete update and a journal to drop (even counter), or an
 // unfinished one whose journal restores every record it changed (odd
 // counter). A new generation carries the counter and the journal over.
-// Readers never look at the journal; they may use the counter to tell that
-// no update overlapped a query.
+// Readers use the counter to tell that no update overlapped a query, and
+// read the journal only around an update that a writer which died left open
+// (SharedTableReader.h).
 //
 // A writer that reopens a file trusts nothing in it that it has not
 // checked: the journal is replayed only when every entry is whole and
