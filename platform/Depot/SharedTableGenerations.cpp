@@ -10,7 +10,9 @@
 // valid as long as the reader holds it. A writer stopped between the store
 // and the rename leaves the new file in place under its generation name,
 // and the next writer puts it in place before anything else.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,19 +26,20 @@ namespace Depot::sharedfile {
 // Created under a temporary name and linked to the table's name, so that a
 // table is never seen half-created; nullptr when another process created
 // the table first.
-std::unique_ptr<Mapping> SharedTableWriter::createFirstGeneration(const RecordLayout& layout, const std::string& path,
+std::unique_ptr<Mapping> SharedTableWriter::createFirstGeneration(const RecordLayout& layout, const Directory& dir,
+                                                                  const TablePath& where,
                                                                   const SharedTableOptions& options) {
-  Geometry g = geometryFor(layout, options.capacity, options.maxEntries);
-  std::string file = fmt::format("{}.new-{}", path, getpid());
-  unlink(file.c_str());
-  auto m = Mapping::create(file, layout, g, g.capacity, 1, options.mode);
-  if (link(file.c_str(), path.c_str()) != 0) {
-    int err = errno;
-    unlink(file.c_str());
+  const Geometry g = geometryFor(layout, options.capacity, options.maxEntries);
+  const std::string base = baseName(where), file = fmt::format("{}.new-{}", base, getpid());
+  dir.remove(file);
+  auto m = Mapping::create(dir, file, layout, g, g.capacity, 1, options.mode);
+  if (linkat(dir.fd(), file.c_str(), dir.fd(), base.c_str(), 0) != 0) {
+    const int err = errno;
+    dir.remove(file);
     if (err == EEXIST) return nullptr;
-    throw SharedFileException(fmt::format("cannot create {}: {}", path, std::strerror(err)));
+    throw SharedFileException(fmt::format("cannot create {}: {}", where.path, std::strerror(err)));
   }
-  unlink(file.c_str());
+  dir.remove(file);
   return m;
 }
 
@@ -68,13 +71,13 @@ void SharedTableWriter::maybeShrink() {
 void SharedTableWriter::rebuild(const Geometry& g) {
   const U64 top = highWater_;
   const U64 gen = map_->generation() + 1;
-  const std::string file = generationFileName(path_, gen);
-  unlink(file.c_str());
-  auto next = Mapping::create(file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, options_.mode);
+  const std::string file = generationFileName(base_, gen);
+  dir_.remove(file);
+  auto next = Mapping::create(dir_, file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, options_.mode);
   try {
     next->copySlots(*map_, top);
   } catch (...) {
-    unlink(file.c_str());
+    unlinkat(dir_.fd(), file.c_str(), 0);
     throw;
   }
   const U64 kept = buildIndex(*next, keys_, top, occupancy_, [this](U64 slot) {
@@ -85,10 +88,10 @@ void SharedTableWriter::rebuild(const Geometry& g) {
   h.occupancy = kept;
   h.highWater = top;
   storeRelease(map_->header().successor, gen);
-  if (rename(file.c_str(), path_.c_str()) != 0) {
+  if (renameat(dir_.fd(), file.c_str(), dir_.fd(), base_.c_str()) != 0) {
     int err = errno;
     storeRelease(map_->header().successor, 0);
-    unlink(file.c_str());
+    unlinkat(dir_.fd(), file.c_str(), 0);
     throw SharedFileException(fmt::format("cannot put generation {} in place of {}: {}", gen, path_, std::strerror(err)));
   }
   map_ = std::move(next);

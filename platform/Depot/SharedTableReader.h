@@ -32,8 +32,8 @@ inline void cpuRelax() {
 }
 
 // A reader's wait for the writer to finish what it is doing. wait() is false
-// once the writer is gone (nobody holds the writer lock): what the table
-// holds then is final. A newer generation announced by a writer that is gone
+// once the writer is gone (the process the header names has ended, or the
+// writer closed the table): what the table holds then is final. A newer generation announced by a writer that is gone
 // gets a few more rounds, in which the caller follows it if it was put in
 // place; a header that announces one that never comes cannot hold a reader.
 class Patience {
@@ -161,11 +161,13 @@ class SharedTableBase : public SharedTable {
 };
 
 // A table mapped read-only. Lookups follow the generations to the newest on
-// every call; every write raises AccessException.
+// every call, through the directory checked when the table was opened;
+// every write raises AccessException.
 class SharedTableReader final : public SharedTableBase<SharedTableReader> {
  public:
-  SharedTableReader(const RecordLayout& layout, std::string path, std::unique_ptr<Mapping> m)
-      : SharedTableBase(layout, std::move(path), std::move(m)) {}
+  SharedTableReader(const RecordLayout& layout, std::string path, Directory dir, std::string base,
+                    std::unique_ptr<Mapping> m)
+      : SharedTableBase(layout, std::move(path), std::move(m)), dir_(std::move(dir)), base_(std::move(base)) {}
 
   bool isWriter() const override { return false; }
   bool find(const U8* key, U8* out) const override;
@@ -188,6 +190,8 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   [[noreturn]] static void refuse();
   void followSuccessor() const;
   bool lookup(const U8* key, U32* words, U64& slot) const;
+  Directory dir_;
+  std::string base_;
 };
 
 }  // namespace Depot::sharedfile

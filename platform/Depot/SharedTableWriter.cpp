@@ -18,17 +18,21 @@
 
 namespace Depot::sharedfile {
 
-SharedTableWriter::SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
-                                     std::unique_ptr<Mapping> m)
-    : SharedTableBase(layout, std::move(path), std::move(m)), options_(options), scratch_(layout.recordSize) {
+SharedTableWriter::SharedTableWriter(const RecordLayout& layout, const TablePath& where, const SharedTableOptions& options,
+                                     Directory dir, WriterLock lock, std::unique_ptr<Mapping> m)
+    : SharedTableBase(layout, where.path, std::move(m)),
+      options_(options),
+      dir_(std::move(dir)),
+      base_(baseName(where)),
+      lock_(std::move(lock)),
+      scratch_(layout.recordSize) {
   counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
   tombstones_ = countTombstones(*map_);
   rescan(std::min(loadRelaxed(map_->header().highWater), capacity()));
 }
 
-SharedTableWriter::~SharedTableWriter() {
-  std::atomic_ref<U32>(map_->header().writerPid).store(0, std::memory_order_release);
-}
+// Readers see the writer gone before the lock goes.
+SharedTableWriter::~SharedTableWriter() { map_->writerIs({}); }
 
 // Nobody else changes the table: no sequence words to check.
 bool SharedTableWriter::find(const U8* key, U8* out) const {
