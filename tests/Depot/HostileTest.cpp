@@ -24,17 +24,11 @@ bool asNobody() { return setgid(65534) == 0 && setuid(65534) == 0; }
 template <class E = Depot::SharedFileException>
 int refused(const std::function<void()>& fn, const std::string& says) {
   return testkit::Child([&] {
-    try {
-      fn();
-    } catch (const E& e) {
-      return std::string(e.what()).find(says) != std::string::npos ? 0 : (fmt::print(stderr, "{}\n", e.what()), 1);
-    }
+    try { fn(); } catch (const E& e) { return std::string(e.what()).find(says) != std::string::npos ? 0 : (fmt::print(stderr, "{}\n", e.what()), 1); }
     return 2;
   }).wait(std::chrono::seconds(5));
 }
-
-std::set<std::string> listing(const std::string& dir) {
-  std::set<std::string> names;
+std::set<std::string> listing(const std::string& dir, std::set<std::string> names = {}) {
   for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename());
   return names;
 }
@@ -63,13 +57,11 @@ TEST(Hostile, NothingButARegularFileUnderItsOwnNameIsOpenedOrRemoved) {
   for (const auto& open : std::initializer_list<std::function<void()>>{[&] { reader(table); }, [&] { writer(table); },
            [&] { Depot::sharedTableDrop(table); }, [&] { Depot::sharedTableExists(table); }})
     EXPECT_EQ(refused(open, root.file("T") + " is a symbolic link"), 0);
-  EXPECT_EQ(listing(root.file("V")), victimFiles);
   std::array<U8, 29> got{};
-  EXPECT_TRUE(reader(victim)->find(record(1).data() + 4, got.data()) && got == record(1));
+  EXPECT_TRUE(listing(root.file("V")) == victimFiles && reader(victim)->find(record(1).data() + 4, got.data()) && got == record(1));
 
   // Leftovers are the exact names of an earlier writer's growth, and of its creation while its process is gone.
-  fs::remove(root.file("T"));
-  writer(table);
+  fs::remove(root.file("T")), writer(table);
   const std::string mine = fmt::format("trieNode.new-{}", getpid());
   for (const std::string name : {"trieNode.gamma", "trieNode.g7", "trieNode.new-4194303", mine.c_str(), "trieNode6"}) std::ofstream(root.file("T/" + name)) << "x";
   writer(table);
@@ -87,16 +79,12 @@ TEST(Hostile, ADirectoryOfAnotherUserOrOpenToAllIsRefused) {
   chmod(trie.c_str(), 0777);
   const std::string openToAll = fmt::format("refusing the directory {}: every user may write to it and it is not sticky (mode 0777, owner {}:", trie, geteuid());
   EXPECT_EQ(refused([&] { reader(table); }, openToAll) + refused([&] { writer({root.path, "T/trieNode6"}); }, openToAll), 0);
-  chmod(trie.c_str(), 01777);
-  EXPECT_NE(reader(table), nullptr);
+  EXPECT_NE((chmod(trie.c_str(), 01777), reader(table)), nullptr);  // sticky is fine
   if (geteuid() != 0) GTEST_SKIP() << "acting as another user needs root";
   chmod(root.path.c_str(), 0755), chmod(trie.c_str(), 0700);
   // Another user is told why it may not look, not that there is no table.
-  EXPECT_EQ(testkit::Child([&] {
-              return asNobody() ? refused([&] { Depot::sharedTableExists(table); },
-                                          fmt::format("cannot look up {}: permission denied by the directory {} (mode 0700, owner 0:0, this process runs as 65534:65534)", path, trie))
-                                : 3;
-            }).wait(), 0);
+  const std::string denied = fmt::format("cannot look up {}: permission denied by the directory {} (mode 0700, owner 0:0, this process runs as 65534:65534)", path, trie);
+  EXPECT_EQ(testkit::Child([&] { return asNobody() ? refused([&] { Depot::sharedTableExists(table); }, denied) : 3; }).wait(), 0);
   for (const std::string& dir : {trie, root.path}) {
     ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
     const std::string foreign = fmt::format("refusing the directory {}: it belongs to another user (mode {:04o}, owner 65534:65534, this process runs as 0:0)", dir, dir == trie ? 0700 : 0755);
@@ -117,7 +105,8 @@ TEST(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
     chmod(root.path.c_str(), 0755);
     testkit::Child locker([&] {
       const int fd = asNobody() ? open(path.c_str(), O_RDONLY) : -1;
-      struct flock fl {.l_type = F_RDLCK, .l_whence = SEEK_SET, .l_start = 0, .l_len = 0, .l_pid = 0};
+      struct flock fl {};
+      fl.l_type = F_RDLCK;  // taken through a read-only descriptor
       if (fd < 0 || fcntl(fd, F_OFD_SETLK, &fl) != 0 || open((path + ".lock").c_str(), O_RDONLY) >= 0 || errno != EACCES) return 3;
       return ++c->ready, pause();
     });
@@ -129,19 +118,13 @@ TEST(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
   ASSERT_TRUE(testkit::eventually([&] { return c->done == 1; }));
   auto m = Depot::sharedfile::Mapping::attach(open(path.c_str(), O_RDWR), path, node, true);
   m->seqWord(0) |= Depot::sharedfile::seqBusy;  // as if the writer were changing the slot
-  testkit::Child waiting([&] {
-    auto r = reader(path);
-    std::array<U8, 29> got{};
-    try {
-      r->find(record(1).data() + 4, got.data());
-    } catch (const Depot::CorruptionException&) { return ++c->answered, 0; }
-    return 1;
-  });
+  auto findBusy = [&] { reader(path)->find(record(1).data() + 4, std::array<U8, 29>().data()); };
+  testkit::Child waiting([&] { const int r = refused<Depot::CorruptionException>(findBusy, "half-written"); return ++c->answered, r; });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(c->answered, 0u);  // waits while the writer lives
   w.kill9();
   EXPECT_EQ(waiting.wait(std::chrono::seconds(10)), 0);
   m->header().writerPid = U32(getpid()), m->header().writerStart = Depot::sharedfile::thisProcess().start + 1;
-  EXPECT_EQ(refused<Depot::CorruptionException>([&] { reader(path)->find(record(1).data() + 4, std::array<U8, 29>().data()); }, "half-written"), 0);
+  EXPECT_EQ(refused<Depot::CorruptionException>(findBusy, "half-written"), 0);
   EXPECT_EQ(writer(path)->corruptionCount(), 1u);  // at once, dropping the busy slot
 }
