@@ -1,7 +1,6 @@
 #include "TrieLib/TrieMount.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdlib>
@@ -12,10 +11,12 @@
 namespace Routing::Lattice {
 namespace {
 
-// The two collection files of the trie named `name` (its bindings' names).
-std::array<std::string, 2> collectionFiles(const Basis::String& name, const MountOptions& options) {
-  return {KilnDepot::collectionPath(fmt::format("{}/trieNode", name), options.root),
-          KilnDepot::collectionPath(fmt::format("{}/trieNode6", name), options.root)};
+// The two collection tables of the trie named `name` (its bindings' names).
+std::array<Depot::TablePath, 2> collectionFiles(const Basis::String& name, const MountOptions& options) {
+  std::array<Depot::TablePath, 2> files{Depot::TablePath(options.root, fmt::format("{}/trieNode", name)),
+                                        Depot::TablePath(options.root, fmt::format("{}/trieNode6", name))};
+  for (const Depot::TablePath& f : files) KilnDepot::collectionPath(f.name, f.root);  // refuses a name that is no plain path
+  return files;
 }
 
 }  // namespace
@@ -41,16 +42,15 @@ Basis::Ptr<Trie> trieReaderNew(const Basis::String& name, const MountOptions& op
 }
 
 bool trieExists(const Basis::String& name, const MountOptions& options) {
-  for (const std::string& file : collectionFiles(name, options))
+  for (const Depot::TablePath& file : collectionFiles(name, options))
     if (Depot::sharedTableExists(file)) return true;
   return false;
 }
 
 void trieDrop(const Basis::String& name, const MountOptions& options) {
   if (!trieExists(name, options)) throw Basis::Exception(fmt::format("no trie named {} under {}", name, options.root));
-  std::array<std::string, 2> files = collectionFiles(name, options);
-  for (const std::string& file : files) Depot::sharedTableDrop(file);
-  rmdir(files[0].substr(0, files[0].rfind('/')).c_str());
+  for (const Depot::TablePath& file : collectionFiles(name, options)) Depot::sharedTableDrop(file);
+  Depot::sharedDirectoryRemove({options.root, name});
 }
 
 }  // namespace Routing::Lattice

@@ -39,6 +39,22 @@ struct SharedReaderOptions {
   U32 stuckAfterMs = 5000;  // how long a slot may stay busy under a live writer before WriterStuckException
 };
 
+// Where a table's file lies: `name`, one or more plain parts, under the
+// directory `root`. The root is taken as the caller gives it (symbolic links
+// and all); below it nothing is: every part of the name is opened without
+// following a symbolic link, and every directory on the way must belong to
+// this process's user or to root and be writable by all only when sticky.
+struct TablePath {
+  TablePath(std::string root, std::string name);
+  // A bare path (implicit, so that a path names a table as it always did):
+  // the file under its own directory.
+  TablePath(const std::string& path);
+  TablePath(const char* path) : TablePath(std::string(path)) {}
+  std::string root;
+  std::string name;
+  std::string path;  // root/name, for messages
+};
+
 struct SharedTableStats {
   U64 generation = 0;
   U64 capacity = 0;       // records this generation holds
@@ -72,25 +88,34 @@ class SharedTable : public Table {
   // writer restarts, undoing an update the previous writer left unfinished.
   // Raises WriterBusyException while another writer holds the file and
   // SharedFileException for a file that cannot be used.
-  static std::unique_ptr<SharedTable> writerNew(const RecordLayout& layout, const std::string& path,
+  // The writer lock is a 0600 file beside the table (`<table>.lock`), so
+  // that no other user can hold it against the writer.
+  static std::unique_ptr<SharedTable> writerNew(const RecordLayout& layout, const TablePath& where,
                                                 const SharedTableOptions& options = {});
   // Maps an existing file read-only; every write raises AccessException.
   // A reader reads around an update that a writer which is gone left open,
   // as if the next writer had already undone it.
-  static std::unique_ptr<SharedTable> readerNew(const RecordLayout& layout, const std::string& path,
+  static std::unique_ptr<SharedTable> readerNew(const RecordLayout& layout, const TablePath& where,
                                                 const SharedReaderOptions& options = {});
 
   virtual U64 generation() const = 0;
   virtual SharedTableStats stats() const = 0;
 };
 
-bool sharedTableExists(const std::string& path);
-// What a writer reopening the table at path would refuse (with the reason) or
+// Whether something has the table's name (a file that is no table is then
+// refused by whoever opens it). Raises SharedFileException for a directory
+// that is refused or that this process may not search.
+bool sharedTableExists(const TablePath& where);
+// What a writer reopening the table would refuse (with the reason) or
 // repair, one line each naming the file; empty for a sound table. Only reads.
-std::vector<std::string> sharedTableProblems(const RecordLayout& layout, const std::string& path);
-// Removes the table file and any leftovers of an interrupted growth. Readers
+std::vector<std::string> sharedTableProblems(const RecordLayout& layout, const TablePath& where);
+// Removes the table file, its lock file and any leftovers of an interrupted
+// growth: regular files under exactly those names, nothing else. Readers
 // that have it mapped keep working on their mapping. Raises
-// SharedFileException while a writer holds the file.
-void sharedTableDrop(const std::string& path);
+// SharedFileException while a writer holds the table, and before removing
+// anything when one of the names is not a regular file.
+void sharedTableDrop(const TablePath& where);
+// Removes the directory where.name under where.root when it is empty.
+void sharedDirectoryRemove(const TablePath& where);
 
 }  // namespace Depot

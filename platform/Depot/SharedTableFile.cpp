@@ -3,9 +3,6 @@
 // the file's length; its geometry is that validated copy, never re-read.
 #include "Depot/SharedTableFile.h"
 
-#include "Depot/FaultInjection.h"
-
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/mman.h>
@@ -15,6 +12,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Depot/FaultInjection.h"
+
 namespace Depot::sharedfile {
 namespace {
 
@@ -22,7 +21,7 @@ constexpr char fileMagic[8] = {'D', 'E', 'P', 'O', 'T', 'T', 'B', 'L'};
 // Version 2: keyHash over the key bytes, tagged linear-probing index with
 // tombstones and scaled home entries, sequence word at the end of each slot,
 // undo journal after the header. Version 3: the files' mode in the header,
-// a checksum in each journal entry.
+// a checksum in each journal entry, the writer's start time beside its pid.
 constexpr U32 formatVersion = 3;
 constexpr U32 byteOrderMark = 0x01020304;
 constexpr U64 maxReserveChunk = U64(1) << 18;
@@ -62,13 +61,6 @@ Geometry validatedGeometry(const Header& h, U64 fileBytes, const std::string& pa
   if ((h.mode & ~0777u) != 0 || h.reserved != 0)
     throw SharedFileException(fmt::format("{}: damaged header (mode {:o})", path, h.mode));
   return g;
-}
-
-struct flock wholeFile(short type) {
-  struct flock fl {};
-  fl.l_type = type;
-  fl.l_whence = SEEK_SET;
-  return fl;
 }
 
 std::string errnoText(int err) { return std::strerror(err); }
@@ -141,21 +133,19 @@ std::unique_ptr<Mapping> Mapping::attach(int fd, const std::string& path, const 
   return std::unique_ptr<Mapping>(new Mapping(fd, static_cast<U8*>(base), g, h.generation, h.mode));
 }
 
-std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLayout& layout, const Geometry& g,
-                                         U64 minCapacity, U64 generation, U32 mode) {
-  int fd = open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode & 0777);
-  if (fd < 0) throw SharedFileException(fmt::format("cannot create {}: {}", file, errnoText(errno)));
+std::unique_ptr<Mapping> Mapping::create(const Directory& dir, const std::string& name, const RecordLayout& layout,
+                                         const Geometry& g, U64 minCapacity, U64 generation, U32 mode) {
+  const int fd = dir.openFile(name, O_RDWR | O_CREAT | O_EXCL, "create {}", true, mode & 0777);
   auto fail = [&](std::string what, int err) {
     close(fd);
-    unlink(file.c_str());
-    return SharedFileException(fmt::format("cannot {} {}: {}", what, file, errnoText(err)));
+    unlinkat(dir.fd(), name.c_str(), 0);
+    return SharedFileException(fmt::format("cannot {} {}: {}", what, dir.pathOf(name), errnoText(err)));
   };
   if (fchmod(fd, mode & 0777) != 0) throw fail("set the mode of", errno);
   if (int err = injectedFailure(ENOSPC)) throw fail("size", err);
   if (ftruncate(fd, off_t(g.fileSize)) != 0) throw fail("size", errno);
   if (int err = injectedFailure(ENOSPC) ? ENOSPC : posix_fallocate(fd, 0, off_t(g.slotsOffset)))
     throw fail("reserve memory for", err);
-  if (!takeWriterLock(fd)) throw fail("lock", errno);
   if (int err = injectedFailure(ENOMEM)) throw fail("map", err);
   void* base = mmap(nullptr, g.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) throw fail("map", errno);
@@ -180,7 +170,7 @@ std::unique_ptr<Mapping> Mapping::create(const std::string& file, const RecordLa
   h.generation = generation;
   h.mode = mode & 0777;
   h.checksum = headerChecksum(h);
-  h.writerPid = U32(getpid());
+  m->writerIs(thisProcess());
   return m;
 }
 
@@ -202,17 +192,22 @@ void Mapping::forEachData(U64 from, U64 to, const std::function<void(U64, U64)>&
   }
 }
 
-bool Mapping::writerAttached() const { return writerLockHeld(fd_); }
-
-bool takeWriterLock(int fd) {
-  struct flock fl = wholeFile(F_WRLCK);
-  return fcntl(fd, F_OFD_SETLK, &fl) == 0;
+// The pid guards the pair: it is read again after the start time, and a
+// pair caught while it changes counts as a writer at work.
+bool Mapping::writerAttached() const {
+  Header& h = header();
+  const U32 pid = loadAcquire(h.writerPid);
+  const U64 start = loadAcquire(h.writerStart);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (loadRelaxed(h.writerPid) != pid) return true;
+  return alive({pid, start});
 }
 
-bool writerLockHeld(int fd) {
-  struct flock fl = wholeFile(F_RDLCK);
-  if (fcntl(fd, F_OFD_GETLK, &fl) != 0) return true;
-  return fl.l_type != F_UNLCK;
+void Mapping::writerIs(const ProcessId& p) {
+  Header& h = header();
+  storeRelease(h.writerPid, 0);
+  storeRelease(h.writerStart, p.start);
+  storeRelease(h.writerPid, p.pid);
 }
 
 // Memory is reserved in steps of about 1/64 of the slot area, so that a
@@ -250,53 +245,7 @@ void Mapping::populate(U64 from, U64 to) {
   madvise(base_ + from, to - from, MADV_POPULATE_WRITE);
 }
 
-std::string openFailure(const std::string& path, const char* purpose, int err) {
-  if (err == ENOENT) return fmt::format("{} does not exist", path);
-  struct stat st {};
-  if ((err == EACCES || err == EPERM) && stat(path.c_str(), &st) == 0)
-    return fmt::format("cannot open {} for {}: permission denied (mode {:04o}, owner {}:{}, this process runs as {}:{})",
-                       path, purpose, st.st_mode & 07777, st.st_uid, st.st_gid, geteuid(), getegid());
-  return fmt::format("cannot open {} for {}: {}", path, purpose, errnoText(err));
-}
-
-U32 recordedWriterPid(int fd) {
-  Header h{};
-  if (pread(fd, &h, sizeof h, 0) != ssize_t(sizeof h) || std::memcmp(h.magic, fileMagic, sizeof fileMagic) != 0)
-    return 0;
-  return h.writerPid;
-}
-
-void makeParentDirectories(const std::string& path, U32 fileMode) {
-  U32 dirMode = (fileMode | ((fileMode & 0444) >> 2)) & 0777;
-  for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1)) {
-    std::string dir = path.substr(0, at);
-    if (mkdir(dir.c_str(), dirMode) == 0) {
-      chmod(dir.c_str(), dirMode);
-      continue;
-    }
-    struct stat st {};
-    if (errno != EEXIST || stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-      throw SharedFileException(fmt::format("cannot create directory {} for {}: {}", dir, path,
-                                            errnoText(errno == EEXIST ? ENOTDIR : errno)));
-  }
-}
-
-std::vector<std::string> leftoverFiles(const std::string& path) {
-  size_t slash = path.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : path.substr(0, slash);
-  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::vector<std::string> found;
-  DIR* d = opendir(dir.c_str());
-  if (!d) return found;
-  while (const dirent* e = readdir(d)) {
-    std::string_view name(e->d_name);
-    if (name.starts_with(base + ".g") || name.starts_with(base + ".new-")) found.push_back(dir + "/" + std::string(name));
-  }
-  closedir(d);
-  return found;
-}
-
-std::string generationFileName(const std::string& path, U64 generation) { return fmt::format("{}.g{}", path, generation); }
+std::string generationFileName(const std::string& base, U64 generation) { return fmt::format("{}.g{}", base, generation); }
 
 U64 headerChecksum(const Header& h) {
   const U8* p = reinterpret_cast<const U8*>(&h);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Depot/SharedTable.h"
+#include "Depot/SharedTableAccess.h"
 
 namespace Depot::sharedfile {
 
@@ -90,6 +91,9 @@ struct Header {
   U64 tombstones;
   U32 writerPid;
   U32 journalCount;
+  // The writer's start time beside its pid: readers tell a live writer by
+  // both (SharedTableAccess.h). The pid is 0 while the pair changes.
+  U64 writerStart;
 };
 
 // FNV-1a over the header's bytes before its checksum field.
@@ -134,10 +138,11 @@ class Mapping {
  public:
   // Validates the open file against the layout and maps it; takes fd.
   static std::unique_ptr<Mapping> attach(int fd, const std::string& path, const RecordLayout& layout, bool writable);
-  // Creates a new, locked generation file at `file` (which must not exist),
-  // with the memory of its header and index reserved and mapped.
-  static std::unique_ptr<Mapping> create(const std::string& file, const RecordLayout& layout, const Geometry& g,
-                                         U64 minCapacity, U64 generation, U32 mode);
+  // Creates a new generation file `name` in dir (which must not exist),
+  // with the memory of its header and index reserved and mapped, naming
+  // this process as its writer.
+  static std::unique_ptr<Mapping> create(const Directory& dir, const std::string& name, const RecordLayout& layout,
+                                         const Geometry& g, U64 minCapacity, U64 generation, U32 mode);
   ~Mapping();
   Mapping(const Mapping&) = delete;
   Mapping& operator=(const Mapping&) = delete;
@@ -160,8 +165,10 @@ class Mapping {
   // the mapping would give them memory).
   void forEachData(U64 from, U64 to, const std::function<void(U64 from, U64 to)>& visit) const;
 
-  // Whether some open file holds the writer lock (a live writer).
+  // Whether the writer the header names is alive.
   bool writerAttached() const;
+  // Names p as the writer in the header (p.pid 0: none).
+  void writerIs(const ProcessId& p);
   // Backs the slots below `slots` with memory, so that a full device is an
   // error here rather than a fault later.
   void reserveSlots(U64 slots);
@@ -183,19 +190,9 @@ class Mapping {
   U64 reservedBytes_ = 0;
 };
 
-// The writer lock is an open-file-description lock over the whole file: it
-// goes with the last descriptor of the open file, also when a writer dies.
-// takeWriterLock is false when another open file holds it.
-bool takeWriterLock(int fd);
-bool writerLockHeld(int fd);
-// "cannot open FILE for reading: Permission denied (mode 0600, owner 0:0)".
-std::string openFailure(const std::string& path, const char* purpose, int err);
-// The pid of the writer named in a file's header, or 0 when unreadable.
-U32 recordedWriterPid(int fd);
-// Creates the missing directories of path's parent.
-void makeParentDirectories(const std::string& path, U32 fileMode);
-// Names in path's directory left by interrupted growth or creation.
-std::vector<std::string> leftoverFiles(const std::string& path);
-std::string generationFileName(const std::string& path, U64 generation);
+// The file name of generation `generation` of the table named base.
+std::string generationFileName(const std::string& base, U64 generation);
+// The last part of a table's name: its file's name in its directory.
+inline std::string baseName(const TablePath& where) { return where.name.substr(where.name.rfind('/') + 1); }
 
 }  // namespace Depot::sharedfile

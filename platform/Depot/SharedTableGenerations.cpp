@@ -10,7 +10,9 @@
 // valid as long as the reader holds it. A writer stopped between the store
 // and the rename leaves the new file in place under its generation name,
 // and the next writer puts it in place before anything else.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,19 +27,20 @@ namespace Depot::sharedfile {
 // Created under a temporary name and linked to the table's name, so that a
 // table is never seen half-created; nullptr when another process created
 // the table first.
-std::unique_ptr<Mapping> SharedTableWriter::createFirstGeneration(const RecordLayout& layout, const std::string& path,
+std::unique_ptr<Mapping> SharedTableWriter::createFirstGeneration(const RecordLayout& layout, const Directory& dir,
+                                                                  const TablePath& where,
                                                                   const SharedTableOptions& options) {
-  Geometry g = geometryFor(layout, options.capacity, options.maxEntries);
-  std::string file = fmt::format("{}.new-{}", path, getpid());
-  unlink(file.c_str());
-  auto m = Mapping::create(file, layout, g, g.capacity, 1, options.mode);
-  if (link(file.c_str(), path.c_str()) != 0) {
-    int err = errno;
-    unlink(file.c_str());
+  const Geometry g = geometryFor(layout, options.capacity, options.maxEntries);
+  const std::string base = baseName(where), file = fmt::format("{}.new-{}", base, getpid());
+  dir.remove(file);
+  auto m = Mapping::create(dir, file, layout, g, g.capacity, 1, options.mode);
+  if (linkat(dir.fd(), file.c_str(), dir.fd(), base.c_str(), 0) != 0) {
+    const int err = errno;
+    dir.remove(file);
     if (err == EEXIST) return nullptr;
-    throw SharedFileException(fmt::format("cannot create {}: {}", path, std::strerror(err)));
+    throw SharedFileException(fmt::format("cannot create {}: {}", where.path, std::strerror(err)));
   }
-  unlink(file.c_str());
+  dir.remove(file);
   return m;
 }
 
@@ -70,30 +73,33 @@ void SharedTableWriter::maybeShrink() {
 void SharedTableWriter::rebuild(const Geometry& g) {
   const U64 top = highWater_;
   const U64 gen = map_->generation() + 1;
-  const std::string file = generationFileName(path_, gen);
-  unlink(file.c_str());
+  const std::string file = generationFileName(base_, gen);
+  dir_.remove(file);
   // The table's own mode, whatever the options of the writer that reopened it say.
-  auto next = Mapping::create(file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, map_->mode());
+  auto next = Mapping::create(dir_, file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, map_->mode());
+  U64 kept = 0;
   try {
     next->copySlots(*map_, top);
     // An update in progress may put records back below its own high-water
     // mark when it is undone.
     if (inBracket_) next->reserveSlots(updateHighWater_);
+    kept = buildIndex(*next, keys_, top, occupancy_, [this](U64 slot) {
+      reportCorruption(fmt::format("dropped slot {}, a second record under the key of another", slot));
+    });
   } catch (...) {
-    unlink(file.c_str());
+    unlinkat(dir_.fd(), file.c_str(), 0);
     throw;
   }
-  const U64 kept = buildIndex(*next, keys_, top, occupancy_, [this](U64 slot) {
-    reportCorruption(fmt::format("dropped slot {}, a second record under the key of another", slot));
-  });
   carryUpdateInto(*next);
   Header& h = next->header();
   h.occupancy = kept;
   h.highWater = top;
   storeRelease(map_->header().successor, gen);
-  if (int err = injectedFailure(EIO) ? EIO : rename(file.c_str(), path_.c_str()) != 0 ? errno : 0) {
+  if (int err = injectedFailure(EIO) ? EIO
+                : renameat(dir_.fd(), file.c_str(), dir_.fd(), base_.c_str()) != 0 ? errno
+                                                                                   : 0) {
     storeRelease(map_->header().successor, 0);
-    unlink(file.c_str());
+    unlinkat(dir_.fd(), file.c_str(), 0);
     throw SharedFileException(fmt::format("cannot put generation {} in place of {}: {}", gen, path_, std::strerror(err)));
   }
   map_ = std::move(next);

@@ -107,48 +107,46 @@ Survey surveyForWriter(const Mapping& m, const RecordLayout& layout, const std::
   return found;
 }
 
-std::unique_ptr<SharedTable> SharedTableWriter::open(const RecordLayout& layout, const std::string& path,
+// The writer lock comes first: under it no other writer creates, renames or
+// removes the table's files, so what the directory holds stays as found.
+std::unique_ptr<SharedTable> SharedTableWriter::open(const RecordLayout& layout, const TablePath& where,
                                                      const SharedTableOptions& options) {
+  const std::string base = baseName(where);
+  // Directories get x where the files get r.
+  const U32 dirMode = (options.mode | ((options.mode & 0444) >> 2)) & 0777;
+  std::optional<Directory> found = Directory::open(where, dirMode);
+  if (!found) throw SharedFileException(fmt::format("{} keeps changing while it is being opened", where.path));
+  Directory dir = std::move(*found);
+  WriterLock lock = WriterLock::take(dir, base, where.path, "already has a writer", true);
   for (int attempt = 0; attempt < 100; ++attempt) {
-    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    const int fd = dir.openFile(base, O_RDWR, "open {} for writing", true);
     if (fd < 0) {
-      if (errno != ENOENT) throw SharedFileException(openFailure(path, "writing", errno));
-      if (auto m = createFirstGeneration(layout, path, options))
-        return std::make_unique<SharedTableWriter>(layout, path, options, std::move(m));
+      if (auto m = createFirstGeneration(layout, dir, where, options))
+        return std::make_unique<SharedTableWriter>(layout, where, options, std::move(dir), std::move(lock), std::move(m));
       continue;
     }
-    if (!takeWriterLock(fd)) {
-      U32 pid = recordedWriterPid(fd);
-      close(fd);
-      throw WriterBusyException(pid ? fmt::format("{} already has a writer (pid {})", path, pid)
-                                    : fmt::format("{} already has a writer", path));
-    }
-    struct stat named {}, opened {};
-    if (stat(path.c_str(), &named) != 0 || fstat(fd, &opened) != 0 || named.st_ino != opened.st_ino ||
-        named.st_dev != opened.st_dev) {
-      close(fd);
-      continue;
-    }
-    auto m = Mapping::attach(fd, path, layout, true);
+    auto m = Mapping::attach(fd, where.path, layout, true);
     // A writer that stopped between publishing a generation and putting it
     // in place left it complete under its generation name (the next number).
     const U64 successor = loadAcquire(m->header().successor);
-    if (successor == m->generation() + 1 && rename(generationFileName(path, successor).c_str(), path.c_str()) == 0)
+    if (successor == m->generation() + 1 &&
+        renameat(dir.fd(), generationFileName(base, successor).c_str(), dir.fd(), base.c_str()) == 0)
       continue;
-    const Survey found = surveyForWriter(*m, layout, path);
+    const Survey found = surveyForWriter(*m, layout, where.path);
     try {
       m->reserveSlots(found.top);
     } catch (const Basis::Exception& e) {
-      throw SharedFileException(fmt::format("{}: {}", path, e.what()));
+      throw SharedFileException(fmt::format("{}: {}", where.path, e.what()));
     }
     if (successor) storeRelease(m->header().successor, 0);
-    for (const std::string& f : leftoverFiles(path)) unlink(f.c_str());
-    std::atomic_ref<U32>(m->header().writerPid).store(U32(getpid()), std::memory_order_release);
-    auto table = std::make_unique<SharedTableWriter>(layout, path, options, std::move(m), found);
+    for (const std::string& f : dir.leftovers(base)) dir.remove(f);
+    m->writerIs(thisProcess());
+    auto table = std::make_unique<SharedTableWriter>(layout, where, options, std::move(dir), std::move(lock),
+                                                     std::move(m), found);
     table->recover(found);
     return table;
   }
-  throw SharedFileException(fmt::format("{} keeps changing while it is being opened", path));
+  throw SharedFileException(fmt::format("{} keeps changing while it is being opened", where.path));
 }
 
 // A writer that reopens the table finishes what a stopped one left. Inside

@@ -133,14 +133,14 @@ bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
 // Until the writer has put the new file in place, the name still leads to
 // the current one and the reader stays.
 void SharedTableReader::followSuccessor() const {
-  int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
-  struct stat st {};
-  if (fstat(fd, &st) != 0 || map_->sameFile(st)) {
-    close(fd);
-    return;
-  }
   try {
+    const int fd = dir_.openFile(base_, O_RDONLY, "open {} for reading", false);
+    if (fd < 0) return;
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || map_->sameFile(st)) {
+      close(fd);
+      return;
+    }
     map_ = Mapping::attach(fd, path_, layout_, false);
   } catch (const SharedFileException& e) {
     throw CorruptionException(e.what());

@@ -42,7 +42,8 @@ inline void cpuRelax() {
 // A reader's wait for the writer to finish what it is doing: a few spins,
 // then yields, then sleeps that grow to a millisecond, so that a writer that
 // stopped costs its readers no CPU. wait() is false once the writer is gone
-// (gone(): what the table holds is then final, but for an update it left
+// (gone(): the process the header names has ended, or the writer closed the
+// table; what the table holds is then final, but for an update it left
 // open) or has kept the reader waiting past the deadline (stuck()). A newer
 // generation announced by a writer that is gone gets a few more rounds, in
 // which the caller follows it if it was put in place; a header that
@@ -259,12 +260,14 @@ class SharedTableBase : public SharedTable {
 };
 
 // A table mapped read-only. Lookups follow the generations to the newest on
-// every call; every write raises AccessException.
+// every call, through the directory checked when the table was opened;
+// every write raises AccessException.
 class SharedTableReader final : public SharedTableBase<SharedTableReader> {
  public:
   static constexpr bool readsAround = true;
-  SharedTableReader(const RecordLayout& layout, std::string path, std::unique_ptr<Mapping> m, U32 stuckAfterMs)
-      : SharedTableBase(layout, std::move(path), std::move(m)) {
+  SharedTableReader(const RecordLayout& layout, std::string path, Directory dir, std::string base,
+                    std::unique_ptr<Mapping> m, U32 stuckAfterMs)
+      : SharedTableBase(layout, std::move(path), std::move(m)), dir_(std::move(dir)), base_(std::move(base)) {
     stuckAfterMs_ = stuckAfterMs;
     startReadingAround(*map_);
   }
@@ -294,6 +297,8 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   [[noreturn]] static void refuse();
   void followSuccessor() const;
   bool lookup(const U8* key, U32* words, U64& slot) const;
+  Directory dir_;
+  std::string base_;
 };
 
 }  // namespace Depot::sharedfile

@@ -20,10 +20,14 @@
 
 namespace Depot::sharedfile {
 
-SharedTableWriter::SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
+SharedTableWriter::SharedTableWriter(const RecordLayout& layout, const TablePath& where,
+                                     const SharedTableOptions& options, Directory dir, WriterLock lock,
                                      std::unique_ptr<Mapping> m, const Survey& found)
-    : SharedTableBase(layout, std::move(path), std::move(m)),
+    : SharedTableBase(layout, where.path, std::move(m)),
       options_(options),
+      dir_(std::move(dir)),
+      base_(baseName(where)),
+      lock_(std::move(lock)),
       scratch_(layout.recordSize),
       undoRecord_(layout.recordSize) {
   counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
@@ -31,9 +35,8 @@ SharedTableWriter::SharedTableWriter(const RecordLayout& layout, std::string pat
   rescan(found.top);
 }
 
-SharedTableWriter::~SharedTableWriter() {
-  std::atomic_ref<U32>(map_->header().writerPid).store(0, std::memory_order_release);
-}
+// Readers see the writer gone before the lock goes.
+SharedTableWriter::~SharedTableWriter() { map_->writerIs({}); }
 
 // Nobody else changes the table: no sequence words to check.
 bool SharedTableWriter::find(const U8* key, U8* out) const {

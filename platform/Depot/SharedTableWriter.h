@@ -48,11 +48,12 @@ Survey surveyForWriter(const Mapping& m, const RecordLayout& layout, const std::
 class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
  public:
   static constexpr bool readsAround = false;  // its own open update is the truth
-  // Opens the table at path for writing, creating it or recovering it.
-  static std::unique_ptr<SharedTable> open(const RecordLayout& layout, const std::string& path,
+  // Opens the table for writing, creating it or recovering it, under its
+  // writer lock.
+  static std::unique_ptr<SharedTable> open(const RecordLayout& layout, const TablePath& where,
                                            const SharedTableOptions& options);
-  SharedTableWriter(const RecordLayout& layout, std::string path, const SharedTableOptions& options,
-                    std::unique_ptr<Mapping> m, const Survey& found = {});
+  SharedTableWriter(const RecordLayout& layout, const TablePath& where, const SharedTableOptions& options,
+                    Directory dir, WriterLock lock, std::unique_ptr<Mapping> m, const Survey& found = {});
   ~SharedTableWriter() override;
 
   bool isWriter() const override { return true; }
@@ -95,13 +96,18 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   void carryUpdateInto(Mapping& next) const;
 
   // Generations (SharedTableGenerations.cpp).
-  static std::unique_ptr<Mapping> createFirstGeneration(const RecordLayout& layout, const std::string& path,
-                                                        const SharedTableOptions& options);
+  static std::unique_ptr<Mapping> createFirstGeneration(const RecordLayout& layout, const Directory& dir,
+                                                        const TablePath& where, const SharedTableOptions& options);
   void grow();
   void maybeShrink();
   void rebuild(const Geometry& g);
 
   SharedTableOptions options_;
+  // The table's checked directory and its file's name there; every file
+  // the writer makes, renames or removes is reached through them.
+  Directory dir_;
+  std::string base_;
+  WriterLock lock_;
   // Writer state, mirrored in the header for readers.
   U64 counter_ = 0;
   bool inBracket_ = false;

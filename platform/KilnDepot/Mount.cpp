@@ -21,13 +21,24 @@ std::string collectionPath(const std::string& name, const std::string& root) {
   return fmt::format("{}/{}", root, name);
 }
 
+namespace {
+
+// The shared table of a binding; collectionPath refuses a name that is no
+// plain relative path.
+Depot::TablePath tableOf(const CollectionBinding& binding, const std::string& root) {
+  collectionPath(binding.name(), root);
+  return {root, binding.name()};
+}
+
+}  // namespace
+
 void mountWriter(CollectionBinding& binding, const std::string& root, U32 mode) {
   try {
     const Depot::Table& local = binding.table();
     Depot::SharedTableOptions options;
     options.capacity = std::max<U64>(options.capacity, local.occupancy() * 2);
     options.mode = mode;
-    auto shared = Depot::SharedTable::writerNew(binding.layout(), collectionPath(binding.name(), root), options);
+    auto shared = Depot::SharedTable::writerNew(binding.layout(), tableOf(binding, root), options);
     std::vector<U8> record(binding.layout().recordSize), present(binding.layout().recordSize);
     U64 hint;
     for (bool ok = local.iterFirst(hint, record.data()); ok; ok = local.iterNext(hint, record.data()))
@@ -42,7 +53,7 @@ void mountWriter(CollectionBinding& binding, const std::string& root, U32 mode) 
 
 void mountReader(CollectionBinding& binding, const std::string& root) {
   try {
-    binding.tableIs(Depot::SharedTable::readerNew(binding.layout(), collectionPath(binding.name(), root)));
+    binding.tableIs(Depot::SharedTable::readerNew(binding.layout(), tableOf(binding, root)));
   } catch (...) {
     binding.mountStatusIs(MountStatus::failed);
     throw;
