@@ -6,13 +6,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -88,13 +91,39 @@ void makeRoot(const std::string& root, U32 mode) {
   }
 }
 
+// Whether $DEPOT_TRUSTED_USERS (user names or ids, separated by commas or
+// spaces) names uid: the owners of a depot whose tables this process may
+// read although it runs as someone else, such as a routing daemon's user
+// for a monitoring tool. Read at every check, so it is never stale.
+bool trustedUser(uid_t uid) {
+  const char* list = std::getenv("DEPOT_TRUSTED_USERS");
+  for (std::string_view rest = list ? list : ""; !rest.empty();) {
+    const size_t end = std::min(rest.find_first_of(", "), rest.size());
+    const std::string name(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    if (name.empty()) continue;
+    uid_t id = 0;
+    const auto [at, err] = std::from_chars(name.data(), name.data() + name.size(), id);
+    if (err == std::errc() && at == name.data() + name.size()) {
+      if (id == uid) return true;
+      continue;
+    }
+    struct passwd pw {}, *found = nullptr;
+    char buf[4096];
+    if (getpwnam_r(name.c_str(), &pw, buf, sizeof buf, &found) == 0 && found && found->pw_uid == uid) return true;
+  }
+  return false;
+}
+
 // A directory that another user could change under us is refused.
 void checkDirectory(int fd, const std::string& path) {
   struct stat st {};
   if (fstat(fd, &st) != 0)
     throw SharedFileException(fmt::format("cannot examine the directory {}: {}", path, std::strerror(errno)));
-  if (st.st_uid != geteuid() && st.st_uid != 0)
-    throw SharedFileException(fmt::format("refusing the directory {}: it belongs to another user ({})", path, whoText(st)));
+  if (st.st_uid != geteuid() && st.st_uid != 0 && !trustedUser(st.st_uid))
+    throw SharedFileException(fmt::format(
+        "refusing the directory {}: it belongs to another user ({}; DEPOT_TRUSTED_USERS may name that user)", path,
+        whoText(st)));
   if ((st.st_mode & S_IWOTH) && !(st.st_mode & S_ISVTX))
     throw SharedFileException(
         fmt::format("refusing the directory {}: every user may write to it and it is not sticky ({})", path, whoText(st)));

@@ -2,8 +2,9 @@
 // Who may touch a table's files, and how they are reached. Internal to Depot.
 //
 // What the rest of Depot may assume of a Directory: its descriptor is the
-// directory that was checked (owned by this process's effective user or by
-// root, not writable by every user unless sticky), reached from the depot
+// directory that was checked (owned by this process's effective user, by
+// root or by a user that $DEPOT_TRUSTED_USERS names, not writable by every
+// user unless sticky), reached from the depot
 // root without following a symbolic link. Every file of the table is opened,
 // linked, renamed and removed relative to that descriptor, so a name another
 // user swaps in after the check leads nowhere. A file it opens is a regular
