@@ -94,12 +94,13 @@ bool SharedTableReader::iterFrom(const U8* key, U64& hint, U8* out) const {
 
 void SharedTableReader::refuse() { throw AccessException("invalid attempt to write scratchpad as reader"); }
 
-// A broken pass is damage only when it repeats with the update counter even
-// and unchanged across it; otherwise the reader waits for the writer and
-// tries again.
+// A broken pass is damage only when it repeats with the update counter
+// unchanged across it, and even (or the update open only because a writer
+// died in it, which is read around); otherwise the reader waits for the
+// writer and tries again.
 bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
   const U64 hash = keys_.hash(key);
-  Patience patience(stuckAfterMs_);
+  Patience patience(deadlineFor(newestMapping()));
   for (;;) {
     const Mapping& m = newestMapping();
     const bool around = readingAround(m);
@@ -115,7 +116,7 @@ bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
       const U64 before = loadAcquire(m.header().updateCounter);
       p = probe(m, keys_, key, hash, words, around);
       std::atomic_thread_fence(std::memory_order_acquire);
-      settled = !(before & 1) && loadRelaxed(m.header().updateCounter) == before;
+      settled = (!(before & 1) || around) && loadRelaxed(m.header().updateCounter) == before;
     }
     if (p.outcome == Outcome::found) {
       slot = p.slot;
@@ -123,8 +124,8 @@ bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
     }
     if (p.outcome == Outcome::absent) return false;
     if ((p.outcome == Outcome::unsettled || !settled) && patience.wait(m)) continue;
-    if (patience.gone() && startReadingAround(m)) continue;
-    if (patience.stuck()) throwStuck(m, path_, p.slot, stuckAfterMs_);
+    if (patience.gone() && !around && startReadingAround(m)) continue;
+    if (patience.stuck()) stuck(m, p.slot);
     if (p.outcome == Outcome::unsettled) throw CorruptionException(halfWrittenMessage(path_, p.slot));
     throwDamage(path_, p.problem, p.position, p.slot, m.geometry());
   }

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -212,6 +213,16 @@ class SharedTableBase : public SharedTable {
   mutable std::unique_ptr<Mapping> map_;
   mutable U64 openByGone_ = 0;
   U32 stuckAfterMs_ = 5000;
+  // The update counter under which the writer was last found stuck: while it
+  // stays, later reads give up at once rather than wait the deadline again.
+  mutable std::optional<U64> stuckAt_;
+  U32 deadlineFor(const Mapping& m) const {
+    return stuckAt_ && *stuckAt_ == loadAcquire(m.header().updateCounter) ? 0 : stuckAfterMs_;
+  }
+  [[noreturn]] void stuck(const Mapping& m, U64 slot) const {
+    stuckAt_ = loadAcquire(m.header().updateCounter);
+    throwStuck(m, path_, slot, stuckAfterMs_);
+  }
 
  private:
   // Slots in order; while reading around an open update, the slots of the
@@ -219,7 +230,7 @@ class SharedTableBase : public SharedTable {
   // slots at positions capacity + entry.
   bool scan(U64 from, U64& hint, U8* out) const {
     U32 words[maxStride / 4], saved[maxStride / 4];
-    Patience patience(stuckAfterMs_);
+    Patience patience(deadlineFor(newest()));
     for (U64 slot = from;;) {
       const Mapping& m = newest();
       const bool around = readingAround(m);
@@ -249,7 +260,7 @@ class SharedTableBase : public SharedTable {
           if (around) ++slot;
           else if (patience.wait(m)) break;
           else if (patience.gone() && startReadingAround(m)) break;
-          else if (patience.stuck()) throwStuck(m, path_, slot, stuckAfterMs_);
+          else if (patience.stuck()) stuck(m, slot);
           else throw CorruptionException(halfWrittenMessage(path_, slot));
           break;
       }

@@ -243,13 +243,15 @@ TEST(TrieProcesses, ConsistentReadersOnlySeeStatesBetweenUpdates) {
     });
   }
   Child writer([&] {
-    while (shared->ready < 2) sched_yield();
+    if (!eventually([&] { return shared->ready == 2; })) return 5;
     auto t = trieWriterNew("S", root.options);
     for (size_t i = 0; i < ops.size(); ++i) {
       ops[i].insert ? t->prefixIs(ops[i].prefix) : (void)t->prefixDel(ops[i].prefix);
       shared->done = i + 1;
-      // Let the readers ask a question every few updates.
-      for (U64 want = shared->answered + 2; i % 4 == 0 && shared->answered < want;) sched_yield();
+      // Let the readers ask a question every few updates (while they live).
+      const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      for (U64 want = shared->answered + 2; i % 4 == 0 && shared->answered < want; sched_yield())
+        if (std::chrono::steady_clock::now() > until) return 6;
     }
     return 0;
   });

@@ -65,7 +65,8 @@ std::vector<std::vector<U8>> probeKeys(bool ip6) {
 }
 
 void readWholeTable(const Depot::RecordLayout& layout, const std::vector<std::vector<U8>>& keys) {
-  auto table = Depot::SharedTable::readerNew(layout, tablePath);
+  // A forged header can name a live process as its writer: waits are bounded, here briefly.
+  auto table = Depot::SharedTable::readerNew(layout, tablePath, {.stuckAfterMs = 20});
   std::vector<U8> record(layout.recordSize);
   for (const auto& key : keys) {
     if (table->find(key.data(), record.data())) {
@@ -77,7 +78,8 @@ void readWholeTable(const Depot::RecordLayout& layout, const std::vector<std::ve
   U64 seen = 0;
   std::vector<U8> firstKey;
   for (bool more = table->iterFirst(hint, record.data()); more; more = table->iterNext(hint, record.data())) {
-    fuzzCheck(hint < table->capacity(), "iteration hint {} beyond the capacity {}", hint, table->capacity());
+    // Past the slots come the journal's records of an update a dead writer left open (at most 32).
+    fuzzCheck(hint < table->capacity() + 32, "iteration hint {} beyond the capacity {}", hint, table->capacity());
     fuzzCheck(++seen <= table->capacity(), "iteration delivered more records than the table holds");
     if (firstKey.empty()) firstKey.assign(record.begin() + layout.keyOffset, record.begin() + layout.keyOffset + layout.keySize);
   }
