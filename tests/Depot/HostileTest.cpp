@@ -1,5 +1,5 @@
-// Shared tables among users who plant things: FIFOs, symbolic links, leftovers under near names, directories of
-// another user or open to all, read locks of another user, and writers that are killed.
+// Shared tables in a hostile environment: FIFOs, symbolic links, leftovers under near names, directories of another user
+// or open to all, read locks of another user, forged header fields and journals, and writers that are killed or stopped.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -7,17 +7,19 @@
 #include <filesystem>
 #include <fstream>
 
-#include "Depot/SharedTableFile.h"
+#include "Tables.h"
 #include "support/Process.h"
-#include "support/TempRoot.h"
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+class Hostile : public TableFixture {};
 namespace {
 
 const Depot::RecordLayout node{"test::Node", 29, 4, 5};
 std::array<U8, 29> record(U8 k) { return {0, 0, 0, 0, k, 1, 2, 3, 4, 5, k}; }
-auto writer(const Depot::TablePath& t) { return Depot::SharedTable::writerNew(node, t); }
-auto reader(const Depot::TablePath& t) { return Depot::SharedTable::readerNew(node, t); }
+auto writerOf(const Depot::TablePath& t) { return Depot::SharedTable::writerNew(node, t); }
+auto readerOf(const Depot::TablePath& t) { return Depot::SharedTable::readerNew(node, t); }
 bool asNobody() { return setgid(65534) == 0 && setuid(65534) == 0; }
 
 // Runs fn in a child: 0 when it raised E saying `says` within 5 s, -1 when it hung.
@@ -37,49 +39,47 @@ std::set<std::string> listing(const std::string& dir, std::set<std::string> name
 
 // Nothing but a regular file under exactly its name is opened or removed: a FIFO is refused at once by readers, writers
 // and drop alike; a symbolic link (dangling or not) in place of a table or of its directory is never followed.
-TEST(Hostile, NothingButARegularFileUnderItsOwnNameIsOpenedOrRemoved) {
-  testkit::TempRoot root;
+TEST_F(Hostile, NothingButARegularFileUnderItsOwnNameIsOpenedOrRemoved) {
   const Depot::TablePath table{root.path, "T/trieNode"}, victim{root.path, "V/trieNode"};
   const std::string path = table.path;
-  writer(victim)->write(record(1).data());
+  writerOf(victim)->write(record(1).data());
   const std::set<std::string> victimFiles = listing(root.file("V"));
   fs::create_directory(root.file("T"));
   ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
-  for (const auto& open : std::initializer_list<std::function<void()>>{[&] { reader(table); }, [&] { writer(table); }, [&] { Depot::sharedTableDrop(table); }})
+  for (const auto& open : std::initializer_list<std::function<void()>>{[&] { readerOf(table); }, [&] { writerOf(table); }, [&] { Depot::sharedTableDrop(table); }})
     EXPECT_EQ(refused(open, path + " is a FIFO, not a table file"), 0);
   for (const std::string& target : {victim.path, root.file("nothing")}) {
     fs::remove(path), fs::create_symlink(target, path);
     const std::string says = path + (target == victim.path ? " is a symbolic link" : " is a dangling symbolic link");
-    EXPECT_EQ(refused([&] { reader(table); }, says) + refused([&] { writer(table); }, says), 0) << target;
+    EXPECT_EQ(refused([&] { readerOf(table); }, says) + refused([&] { writerOf(table); }, says), 0) << target;
     EXPECT_EQ(refused([&] { Depot::sharedTableDrop(table); }, says), 0) << target;
   }
   fs::remove_all(root.file("T")), fs::create_directory_symlink(root.file("V"), root.file("T"));
-  for (const auto& open : std::initializer_list<std::function<void()>>{[&] { reader(table); }, [&] { writer(table); },
+  for (const auto& open : std::initializer_list<std::function<void()>>{[&] { readerOf(table); }, [&] { writerOf(table); },
            [&] { Depot::sharedTableDrop(table); }, [&] { Depot::sharedTableExists(table); }})
     EXPECT_EQ(refused(open, root.file("T") + " is a symbolic link"), 0);
   std::array<U8, 29> got{};
-  EXPECT_TRUE(listing(root.file("V")) == victimFiles && reader(victim)->find(record(1).data() + 4, got.data()) && got == record(1));
+  EXPECT_TRUE(listing(root.file("V")) == victimFiles && readerOf(victim)->find(record(1).data() + 4, got.data()) && got == record(1));
 
   // Leftovers are the exact names of an earlier writer's growth, and of its creation while its process is gone.
-  fs::remove(root.file("T")), writer(table);
+  fs::remove(root.file("T")), writerOf(table);
   const std::string mine = fmt::format("trieNode.new-{}", getpid());
   for (const std::string name : {"trieNode.gamma", "trieNode.g7", "trieNode.new-4194303", mine.c_str(), "trieNode6"}) std::ofstream(root.file("T/" + name)) << "x";
-  writer(table);
+  writerOf(table);
   EXPECT_EQ(listing(root.file("T")), (std::set<std::string>{"trieNode", "trieNode.lock", "trieNode.gamma", mine, "trieNode6"}));
   Depot::sharedTableDrop(table);
   EXPECT_EQ(listing(root.file("T")), (std::set<std::string>{"trieNode.gamma", mine, "trieNode6"}));
 }
 
 // A root or trie directory that another user could change is refused, naming it, its mode and owner and this user.
-TEST(Hostile, ADirectoryOfAnotherUserOrOpenToAllIsRefused) {
-  testkit::TempRoot root;
+TEST_F(Hostile, ADirectoryOfAnotherUserOrOpenToAllIsRefused) {
   const Depot::TablePath table{root.path, "T/trieNode"};
   const std::string path = table.path, trie = root.file("T");
-  writer(table);
+  writerOf(table);
   chmod(trie.c_str(), 0777);
   const std::string openToAll = fmt::format("refusing the directory {}: every user may write to it and it is not sticky (mode 0777, owner {}:", trie, geteuid());
-  EXPECT_EQ(refused([&] { reader(table); }, openToAll) + refused([&] { writer({root.path, "T/trieNode6"}); }, openToAll), 0);
-  EXPECT_NE((chmod(trie.c_str(), 01777), reader(table)), nullptr);  // sticky is fine
+  EXPECT_EQ(refused([&] { readerOf(table); }, openToAll) + refused([&] { writerOf({root.path, "T/trieNode6"}); }, openToAll), 0);
+  EXPECT_NE((chmod(trie.c_str(), 01777), readerOf(table)), nullptr);  // sticky is fine
   if (geteuid() != 0) GTEST_SKIP() << "acting as another user needs root";
   chmod(root.path.c_str(), 0755), chmod(trie.c_str(), 0700);
   // Another user is told why it may not look, not that there is no table.
@@ -88,9 +88,9 @@ TEST(Hostile, ADirectoryOfAnotherUserOrOpenToAllIsRefused) {
   for (const std::string& dir : {trie, root.path}) {
     ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
     const std::string foreign = fmt::format("refusing the directory {}: it belongs to another user (mode {:04o}, owner 65534:65534, this process runs as 0:0; DEPOT_TRUSTED_USERS may name that user)", dir, dir == trie ? 0700 : 0755);
-    EXPECT_EQ(refused([&] { reader(table); }, foreign) + refused([&] { writer(table); }, foreign), 0) << dir;
+    EXPECT_EQ(refused([&] { readerOf(table); }, foreign) + refused([&] { writerOf(table); }, foreign), 0) << dir;
     setenv("DEPOT_TRUSTED_USERS", "daemon, nobody", 1);  // a monitoring tool reading a daemon's tables
-    EXPECT_NE(reader(table), nullptr) << dir;
+    EXPECT_NE(readerOf(table), nullptr) << dir;
     unsetenv("DEPOT_TRUSTED_USERS");
     chown(dir.c_str(), 0, 0);
   }
@@ -99,10 +99,9 @@ TEST(Hostile, ADirectoryOfAnotherUserOrOpenToAllIsRefused) {
 // Another user's read lock on the table file does not hold the writer off, and it cannot open the lock file. A writer
 // that is killed is gone for readers (which stop waiting for a slot it left busy) and for the next writer alike; a pid
 // alive again under another start time is not the writer.
-TEST(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
-  testkit::TempRoot root;
+TEST_F(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
   const std::string path = root.file("T/trieNode");
-  writer(path)->write(record(1).data());
+  writerOf(path)->write(record(1).data());
   testkit::SharedCounters c;
   if (geteuid() == 0) {
     chmod(root.path.c_str(), 0755);
@@ -114,14 +113,14 @@ TEST(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
       return ++c->ready, pause();
     });
     ASSERT_TRUE(testkit::eventually([&] { return c->ready == 1; }));
-    auto w = writer(path);
-    EXPECT_EQ(refused([&] { writer(path); }, fmt::format("{} already has a writer (pid {})", path, getpid())), 0);
+    auto w = writerOf(path);
+    EXPECT_EQ(refused([&] { writerOf(path); }, fmt::format("{} already has a writer (pid {})", path, getpid())), 0);
   }
-  testkit::Child w([&] { return writer(path)->write(record(2).data()), ++c->done, pause(); });
+  testkit::Child w([&] { return writerOf(path)->write(record(2).data()), ++c->done, pause(); });
   ASSERT_TRUE(testkit::eventually([&] { return c->done == 1; }));
   auto m = Depot::sharedfile::Mapping::attach(open(path.c_str(), O_RDWR), path, node, true);
   m->seqWord(0) |= Depot::sharedfile::seqBusy;  // as if the writer were changing the slot
-  auto findBusy = [&] { reader(path)->find(record(1).data() + 4, std::array<U8, 29>().data()); };
+  auto findBusy = [&] { readerOf(path)->find(record(1).data() + 4, std::array<U8, 29>().data()); };
   testkit::Child waiting([&] { const int r = refused<Depot::CorruptionException>(findBusy, "half-written"); return ++c->answered, r; });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(c->answered, 0u);  // waits while the writer lives
@@ -129,5 +128,56 @@ TEST(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
   EXPECT_EQ(waiting.wait(std::chrono::seconds(10)), 0);
   m->header().writerPid = U32(getpid()), m->header().writerStart = Depot::sharedfile::thisProcess().start + 1;
   EXPECT_EQ(refused<Depot::CorruptionException>(findBusy, "half-written"), 0);
-  EXPECT_EQ(writer(path)->corruptionCount(), 1u);  // at once, dropping the busy slot
+  EXPECT_EQ(writerOf(path)->corruptionCount(), 1u);  // at once, dropping the busy slot
+}
+
+// A reopening writer recounts what the header says (a high-water mark below a slot in use is damage it repairs) and
+// replays a journal only if each entry is the one written for the unfinished update; else it leaves the file as it is.
+TEST_F(Hostile, AReopeningWriterRecountsTheHeaderAndRefusesAJournalItCannotTrust) {
+  auto w = writer(100);
+  std::map<U32, U32> model;
+  for (U32 k = 1; k <= 60; ++k) put(*w, k, 1), model[k] = 1;
+  for (U32 k = 2; k <= 60; k += 7) drop(*w, k), model.erase(k);
+  const Depot::SharedTableStats sound = (w->stats()); w.reset();
+  auto m = damageable(path);
+  std::tie(m->header().highWater, m->header().occupancy, m->header().tombstones, m->header().journalCount) = std::tuple(0, 7, 999, 5);
+  EXPECT_THAT(Depot::sharedTableProblems(node4, path), testing::ElementsAre(fmt::format(
+                  "{}: high-water mark 0 is below slot {}, which is in use; its next writer repairs it", path, sound.highWater - 1)));
+  const Depot::SharedTableStats s = (w = writer())->stats();
+  EXPECT_EQ(std::tuple(s.occupancy, s.highWater, s.tombstones, w->corruptionCount(), m->header().journalCount, contents(*reader())),
+            std::tuple(sound.occupancy, sound.highWater, sound.tombstones, U64(1), 0u, model));
+  const auto bytes = [&] { std::ifstream in(path, std::ios::binary); return std::string(std::istreambuf_iterator<char>(in), {}); };
+  const std::string good = (put(*w, 70, 1), w.reset(), bytes());  // the last update's journal (70 was absent) stays in it
+  auto journal = [&](std::vector<std::pair<U32, Rec>> entries) {  // of an update left unfinished, with matching checksums
+    std::ofstream(path, std::ios::binary) << good;
+    m = damageable(path), m->header().updateCounter |= 1, m->header().journalCount = U32(entries.size());
+    for (U32 i = 0; i < entries.size(); ++i)
+      std::memcpy(m->journalRecord(i), entries[i].second.data(), node4.recordSize), m->journalFlags(i) = entries[i].first,
+      m->journalCheck(i) = Depot::sharedfile::journalChecksum(m->header().updateCounter, i, entries[i].first, entries[i].second.data(), node4.recordSize);
+  };
+  for (const auto& [damage, says] : std::vector<std::pair<std::function<void()>, std::string>>{
+           {[&] { journal({}), m->header().journalCount = 1; }, "0 of 1 (checksum mismatch)"},  // the last update's entry
+           {[&] { journal({{2, recordOf(node4, 70, 1)}}); }, "0 of 1 (unknown flags 0x2)"},
+           {[&] { journal({{0, recordOf(node4, 70, 1)}}); }, "0 of 1 (the entry of an absent record holds more than its key)"},
+           {[&] { journal({{1, recordOf(node4, 3, 1)}, {1, recordOf(node4, 3, 2)}}); }, "1 of 2 (its key is entry 0's too)"}}) {
+    const std::string damaged = (damage(), bytes()), message = path + ": damaged journal entry " + says;
+    EXPECT_THAT([&] { writer(); }, ThrowsMessage<Depot::SharedFileException>(HasSubstr(message)));
+    EXPECT_EQ(std::pair(bytes() == damaged, Depot::sharedTableProblems(node4, path).at(0)), std::pair(true, message + ": the unfinished update cannot be undone; its writer refuses it"));
+  }
+}
+
+// A writer stopped in the middle of writing a slot holds a reader of that slot only until the reader's deadline.
+TEST_F(Hostile, AWriterStoppedMidSlotHoldsItsReadersOnlyUntilTheirDeadline) {
+  for (auto w = writer(); U32 k : {1u, 2u}) put(*w, k, 1);
+  testkit::SharedCounters c;
+  testkit::Child stopped([&] {
+    auto w = writer();
+    damageable(path)->seqWord(0) |= Depot::sharedfile::seqBusy;  // key 1's slot
+    return ++c->ready, pause();
+  });
+  ASSERT_TRUE(testkit::eventually([&] { return c->ready == 1; }));
+  auto r = Depot::SharedTable::readerNew(node4, path, {.stuckAfterMs = 100});
+  EXPECT_THAT([&] { version(*r, 1); }, ThrowsMessage<Depot::WriterStuckException>(testing::ContainsRegex(
+                                            "the writer \\(pid [1-9][0-9]*\\) has kept slot 0 busy for over 100 ms")));
+  EXPECT_EQ(version(*r, 2), 1u);
 }

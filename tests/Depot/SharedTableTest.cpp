@@ -8,55 +8,13 @@
 #include <fstream>
 #include <random>
 
-#include "Depot/SharedTableFile.h"
+#include "Tables.h"
 #include "support/Process.h"
-#include "support/TempRoot.h"
 
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 using Header = Depot::sharedfile::Header;
 namespace fs = std::filesystem;
-
-// Trie node shapes: 29 bytes, 5-byte key at 4 (its last byte shares the slot's sequence word); 67 bytes, 17-byte key
-// at 16. Every byte follows from a key number and a version, so that a record mixed from two writes shows.
-inline const Depot::RecordLayout node4{"test::Node4", 29, 4, 5}, node6{"test::Node6", 67, 16, 17};
-using Rec = std::array<U8, 68>;  // the bytes past the record stay zero
-
-inline Rec recordOf(const Depot::RecordLayout& l, U32 k, U32 version, bool keyFirst = false) {
-  Rec r{};
-  for (U32 i = 0; i < l.recordSize; ++i) r[i] = i < 4 ? U8(version >> 8 * i) : U8(k * 31 + version * 7 + i * 13);
-  for (U32 i = 0; i < l.keySize; ++i) r[(keyFirst ? 0 : l.keyOffset) + i] = i < 4 ? U8(k >> (24 - 8 * i)) : U8(k * 7 + i);
-  return r;
-}
-inline Rec keyOf(const Depot::RecordLayout& l, U32 k) { return recordOf(l, k, 0, true); }
-inline U32 keyNumber(const Depot::RecordLayout& l, const Rec& r, U32 k = 0) { return std::memcpy(&k, &r[l.keyOffset], 4), __builtin_bswap32(k); }
-inline U32 versionOf(const Rec& r) { return r[0] | U32(r[1]) << 8 | U32(r[2]) << 16 | U32(r[3]) << 24; }
-inline bool whole(const Depot::RecordLayout& l, const Rec& r) { return r == recordOf(l, keyNumber(l, r), versionOf(r)); }
-
-// The version stored under k: 0 when absent, `torn` when the record is not whole or not k's.
-constexpr U32 torn = ~0u;
-inline U32 version(const Depot::Table& t, U32 k, Rec r = {}) {
-  return !t.find(keyOf(t.layout(), k).data(), r.data()) ? 0 : whole(t.layout(), r) && keyNumber(t.layout(), r) == k ? versionOf(r) : torn;
-}
-inline void put(Depot::Table& t, U32 k, U32 v) { t.write(recordOf(t.layout(), k, v).data()); }
-inline bool drop(Depot::Table& t, U32 k) { return t.remove(keyOf(t.layout(), k).data(), Rec().data()); }
-
-// key -> version of every record an iteration meets; one not whole shows under `torn`, a key met twice under torn - 1.
-inline std::map<U32, U32> contents(const Depot::Table& t) {
-  std::map<U32, U32> seen;
-  Rec r{};
-  U64 hint;
-  for (bool ok = t.iterFirst(hint, r.data()); ok; ok = t.iterNext(hint, r.data())) if (!whole(t.layout(), r)) seen[torn] = U32(hint);
-    else if (!seen.emplace(keyNumber(t.layout(), r), versionOf(r)).second) seen[torn - 1] = U32(hint);
-  return seen;
-}
-
-// Keys whose hashes land in the last 1/32 of any index: their probe sequences pile up at its end and wrap.
-inline std::vector<U32> crowdedKeys(const Depot::RecordLayout& l, size_t n, U32 from = 1) {
-  std::vector<U32> keys;
-  for (U32 k = from; keys.size() < n; ++k) if (Depot::keyHash(keyOf(l, k).data(), l.keySize) >> 59 == 31) keys.push_back(k);
-  return keys;
-}
 
 struct Kind { const char* name; bool shared; const Depot::RecordLayout* layout; };
 using TableContract = testing::TestWithParam<Kind>;
@@ -116,19 +74,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, TableContract,
                                          Kind{"SharedNode4", true, &node4}, Kind{"SharedNode6", true, &node6}),
                          [](const testing::TestParamInfo<Kind>& info) { return info.param.name; });
 
-class SharedTable : public testing::Test {
- protected:
-  auto writer(U64 capacity = 1024, const Depot::RecordLayout& l = node4) {
-    return Depot::SharedTable::writerNew(l, path, {.capacity = capacity});
-  }
-  auto reader(const Depot::RecordLayout& l = node4) { return Depot::SharedTable::readerNew(l, path); }
-  testkit::TempRoot root;
-  std::string path = root.file("T/trieNode");
-};
-
-auto damageable(const std::string& path, const Depot::RecordLayout& l = node4) {
-  return Depot::sharedfile::Mapping::attach(open(path.c_str(), O_RDWR), path, l, true);
-}
+class SharedTable : public TableFixture {};
 
 // A reader maps the file read-only and cannot write; it sees every change at once, also while the table grows and
 // shrinks under it. Slot numbers (the hint) survive growth: an iteration spread over it meets every record once.
@@ -276,57 +222,6 @@ TEST_F(SharedTable, DamageIsReportedAndTheNextWriterRebuildsTheIndex) {
     EXPECT_EQ(std::tuple(next->corruptionCount(), damageable(path, *l)->header().journalCount, version(*r, 4), contents(*r).size()),
               std::tuple(U64(3), 0u, 0u, size_t(48)));
   }
-}
-
-// A reopening writer recounts what the header says (a high-water mark below a slot in use is damage it repairs) and
-// replays a journal only if each entry is the one written for the unfinished update; else it leaves the file as it is.
-TEST_F(SharedTable, AReopeningWriterRecountsTheHeaderAndRefusesAJournalItCannotTrust) {
-  auto w = writer(100);
-  std::map<U32, U32> model;
-  for (U32 k = 1; k <= 60; ++k) put(*w, k, 1), model[k] = 1;
-  for (U32 k = 2; k <= 60; k += 7) drop(*w, k), model.erase(k);
-  const Depot::SharedTableStats sound = (w->stats()); w.reset();
-  auto m = damageable(path);
-  std::tie(m->header().highWater, m->header().occupancy, m->header().tombstones, m->header().journalCount) = std::tuple(0, 7, 999, 5);
-  EXPECT_THAT(Depot::sharedTableProblems(node4, path), testing::ElementsAre(fmt::format(
-                  "{}: high-water mark 0 is below slot {}, which is in use; its next writer repairs it", path, sound.highWater - 1)));
-  const Depot::SharedTableStats s = (w = writer())->stats();
-  EXPECT_EQ(std::tuple(s.occupancy, s.highWater, s.tombstones, w->corruptionCount(), m->header().journalCount, contents(*reader())),
-            std::tuple(sound.occupancy, sound.highWater, sound.tombstones, U64(1), 0u, model));
-  const auto bytes = [&] { std::ifstream in(path, std::ios::binary); return std::string(std::istreambuf_iterator<char>(in), {}); };
-  const std::string good = (put(*w, 70, 1), w.reset(), bytes());  // the last update's journal (70 was absent) stays in it
-  auto journal = [&](std::vector<std::pair<U32, Rec>> entries) {  // of an update left unfinished, with matching checksums
-    std::ofstream(path, std::ios::binary) << good;
-    m = damageable(path), m->header().updateCounter |= 1, m->header().journalCount = U32(entries.size());
-    for (U32 i = 0; i < entries.size(); ++i)
-      std::memcpy(m->journalRecord(i), entries[i].second.data(), node4.recordSize), m->journalFlags(i) = entries[i].first,
-      m->journalCheck(i) = Depot::sharedfile::journalChecksum(m->header().updateCounter, i, entries[i].first, entries[i].second.data(), node4.recordSize);
-  };
-  for (const auto& [damage, says] : std::vector<std::pair<std::function<void()>, std::string>>{
-           {[&] { journal({}), m->header().journalCount = 1; }, "0 of 1 (checksum mismatch)"},  // the last update's entry
-           {[&] { journal({{2, recordOf(node4, 70, 1)}}); }, "0 of 1 (unknown flags 0x2)"},
-           {[&] { journal({{0, recordOf(node4, 70, 1)}}); }, "0 of 1 (the entry of an absent record holds more than its key)"},
-           {[&] { journal({{1, recordOf(node4, 3, 1)}, {1, recordOf(node4, 3, 2)}}); }, "1 of 2 (its key is entry 0's too)"}}) {
-    const std::string damaged = (damage(), bytes()), message = path + ": damaged journal entry " + says;
-    EXPECT_THAT([&] { writer(); }, ThrowsMessage<Depot::SharedFileException>(HasSubstr(message)));
-    EXPECT_EQ(std::pair(bytes() == damaged, Depot::sharedTableProblems(node4, path).at(0)), std::pair(true, message + ": the unfinished update cannot be undone; its writer refuses it"));
-  }
-}
-
-// A writer stopped in the middle of writing a slot holds a reader of that slot only until the reader's deadline.
-TEST_F(SharedTable, AWriterStoppedMidSlotHoldsItsReadersOnlyUntilTheirDeadline) {
-  for (auto w = writer(); U32 k : {1u, 2u}) put(*w, k, 1);
-  testkit::SharedCounters c;
-  testkit::Child stopped([&] {
-    auto w = writer();
-    damageable(path)->seqWord(0) |= Depot::sharedfile::seqBusy;  // key 1's slot
-    return ++c->ready, pause();
-  });
-  ASSERT_TRUE(testkit::eventually([&] { return c->ready == 1; }));
-  auto r = Depot::SharedTable::readerNew(node4, path, {.stuckAfterMs = 100});
-  EXPECT_THAT([&] { version(*r, 1); }, ThrowsMessage<Depot::WriterStuckException>(testing::ContainsRegex(
-                                            "the writer \\(pid [1-9][0-9]*\\) has kept slot 0 busy for over 100 ms")));
-  EXPECT_EQ(version(*r, 2), 1u);
 }
 
 // Update u: 1 to 8 writes, commits in place and removals; the table fills and empties from the top keys down, over and
