@@ -68,6 +68,8 @@ int main(int argc, char** argv) {
     if (pipe(go) != 0 || pipe(done) != 0) return 1;
     pid_t reader = fork();
     if (reader == 0) {
+      close(go[1]);
+      close(done[0]);
       try {
         _exit(readerProcess(name, go[0], done[1]));
       } catch (const Basis::Exception& e) {
@@ -75,6 +77,10 @@ int main(int argc, char** argv) {
         _exit(1);
       }
     }
+    // Only the reader keeps these ends open: if it dies, the writer reads the
+    // end of its pipe instead of waiting for ever.
+    close(go[0]);
+    close(done[1]);
     char step = 1;
     if (write(go[1], &step, 1) != 1 || read(done[0], &step, 1) != 1) return 1;
 
