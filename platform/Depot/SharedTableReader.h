@@ -64,7 +64,9 @@ class Patience {
     if (spins_ == 128) since_ = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::microseconds(std::min<U64>(spins_ - 127, 1000)));
     if (!m.writerAttached()) {
-      gone_ = true;
+      // One more look first: the writer may have finished what the caller
+      // saw it doing before it went.
+      if (!gone_) return gone_ = true;
       return loadRelaxed(m.header().successor) != 0 && ++goneRounds_ < 64;
     }
     stuck_ = std::chrono::steady_clock::now() - since_ > std::chrono::milliseconds(stuckAfterMs_);
