@@ -65,10 +65,11 @@ TEST_F(Hostile, NothingButARegularFileUnderItsOwnNameIsOpenedOrRemoved) {
   fs::remove(root.file("T")), writerOf(table);
   const std::string mine = fmt::format("trieNode.new-{}", getpid());
   for (const std::string name : {"trieNode.gamma", "trieNode.g7", "trieNode.new-4194303", mine.c_str(), "trieNode6"}) std::ofstream(root.file("T/" + name)) << "x";
+  fs::create_symlink(victim.path, root.file("T/trieNode.g9"));  // under a leftover's name, but no regular file
   writerOf(table);
-  EXPECT_EQ(listing(root.file("T")), (std::set<std::string>{"trieNode", "trieNode.lock", "trieNode.gamma", mine, "trieNode6"}));
+  EXPECT_EQ(listing(root.file("T")), (std::set<std::string>{"trieNode", "trieNode.lock", "trieNode.gamma", mine, "trieNode6", "trieNode.g9"}));
   Depot::sharedTableDrop(table);
-  EXPECT_EQ(listing(root.file("T")), (std::set<std::string>{"trieNode.gamma", mine, "trieNode6"}));
+  EXPECT_EQ(listing(root.file("T")), (std::set<std::string>{"trieNode.gamma", mine, "trieNode6", "trieNode.g9"}));
 }
 
 // A root or trie directory that another user could change is refused, naming it, its mode and owner and this user.
