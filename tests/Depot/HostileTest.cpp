@@ -115,6 +115,7 @@ TEST_F(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
     });
     ASSERT_TRUE(testkit::eventually([&] { return c->ready == 1; }));
     auto w = writerOf(path);
+    std::ofstream(path + ".lock", std::ios::app) << std::string(200, ' ');  // a lock file longer than its reader expects
     EXPECT_EQ(refused([&] { writerOf(path); }, fmt::format("{} already has a writer (pid {})", path, getpid())), 0);
   }
   testkit::Child w([&] { return writerOf(path)->write(record(2).data()), ++c->done, pause(); });
