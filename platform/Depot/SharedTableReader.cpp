@@ -70,11 +70,23 @@ void throwStuck(const Mapping& m, const std::string& path, U64 slot, U32 stuckAf
                                          path, loadAcquire(m.header().writerPid), slot, stuckAfterMs));
 }
 
+// Whether the writer still lives costs a read of /proc, so it is asked only
+// of an update that has stayed open for a millisecond: a live writer's
+// updates take microseconds, and consistent readers read the counter around
+// every query.
 U64 SharedTableReader::updateCounter() const {
   const Mapping& m = newestMapping();
   const U64 counter = loadAcquire(m.header().updateCounter);
   if (!(counter & 1)) return counter;
-  return readingAround(m) || startReadingAround(m) ? counter - 1 : counter;
+  if (readingAround(m)) return counter - 1;
+  const auto now = std::chrono::steady_clock::now();
+  if (counter != openSeen_) {
+    openSeen_ = counter;
+    openSince_ = now;
+    return counter;
+  }
+  if (now - openSince_ < std::chrono::milliseconds(1)) return counter;
+  return startReadingAround(m) ? counter - 1 : counter;
 }
 
 bool SharedTableReader::find(const U8* key, U8* out) const {

@@ -310,6 +310,9 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   [[noreturn]] static void refuse();
   void followSuccessor() const;
   bool lookup(const U8* key, U32* words, U64& slot) const;
+  // The open update the counter last showed, and since when.
+  mutable U64 openSeen_ = 0;
+  mutable std::chrono::steady_clock::time_point openSince_;
   Directory dir_;
   std::string base_;
 };
