@@ -123,6 +123,28 @@ IpGenPrefix ConsistentReader::longestMatch(const IpGenPrefix& prefix) {
   return consistently(prefix.af(), [&] { return trie_.longestMatch(prefix); });
 }
 
+// Groups of one family are answered together and checked against that
+// family's counter; a group small enough that a busy writer rarely
+// overlaps it.
+void ConsistentReader::longestMatch(std::span<const IpGenPrefix> queries, std::span<IpGenPrefix> answers) {
+  if (answers.size() < queries.size())
+    throw Basis::RangeException(fmt::format("longestMatch: {} answers for {} queries", answers.size(), queries.size()));
+  constexpr size_t group = 64;
+  for (size_t i = 0; i < queries.size();) {
+    const AddressFamily af = queries[i].af();
+    size_t end = i + 1;
+    while (end < queries.size() && end - i < group && queries[end].af() == af) ++end;
+    const auto in = queries.subspan(i, end - i);
+    const auto out = answers.subspan(i, end - i);
+    if (af == AddressFamily::none) trie_.longestMatch(in, out);
+    else consistently(af, [&] {
+      trie_.longestMatch(in, out);
+      return true;
+    });
+    i = end;
+  }
+}
+
 IpGenPrefix ConsistentReader::getNext(const IpGenPrefix& prefix) {
   if (prefix.af() == AddressFamily::none) return trie_.getNext(prefix);
   return consistently(prefix.af(), [&] { return trie_.getNext(prefix); });

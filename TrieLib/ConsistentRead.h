@@ -1,6 +1,7 @@
 #pragma once
 // Queries that answer from one state of the trie between two updates, for
 // readers that share the trie's tables with a writer in another process.
+#include <span>
 #include <vector>
 
 #include "TrieLib/DepotTrie.h"
@@ -35,6 +36,9 @@ class ConsistentReader {
 
   Addrkit::IpGenPrefix lpm(const Addrkit::IpGenPrefix& prefix);
   Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix);
+  // The batched longestMatch of Trie; each answer reflects one state between
+  // two updates (queries are answered in groups, each group consistently).
+  void longestMatch(std::span<const Addrkit::IpGenPrefix> queries, std::span<Addrkit::IpGenPrefix> answers);
   Addrkit::IpGenPrefix getNext(const Addrkit::IpGenPrefix& prefix);
   void preOrderWalk(const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::IpGenPrefix& subtreeRoot);
 

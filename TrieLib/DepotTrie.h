@@ -1,6 +1,7 @@
 #pragma once
 #include <atomic>
 #include <memory>
+#include <span>
 
 #include "Addrkit/Prefix.h"
 #include "Basis/Ptr.h"
@@ -94,6 +95,11 @@ class Trie : public Kiln::Entity {
   // edges. The empty IpGenPrefix when nothing covers it. A descent deeper than
   // a consistent trie can be raises Basis::Exception.
   Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix) const;
+  // longestMatch of each query into the answer at the same index (answers
+  // must be at least as long), with the descents of several queries
+  // interleaved so that their memory reads overlap. The answers are those of
+  // longestMatch one at a time.
+  void longestMatch(std::span<const Addrkit::IpGenPrefix> queries, std::span<Addrkit::IpGenPrefix> answers) const;
 
   // Node storage: reads return the default record for absent keys.
   TrieNode trieNode(const Addrkit::Prefix& key) const { return trieNode_.get(key); }

@@ -84,4 +84,10 @@ Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) cons
   }
 }
 
+void Trie::longestMatch(std::span<const Addrkit::IpGenPrefix> queries, std::span<Addrkit::IpGenPrefix> answers) const {
+  if (answers.size() < queries.size())
+    throw Basis::RangeException(fmt::format("longestMatch: {} answers for {} queries", answers.size(), queries.size()));
+  for (size_t i = 0; i < queries.size(); ++i) answers[i] = longestMatch(queries[i]);
+}
+
 }  // namespace Routing::Lattice
