@@ -1,5 +1,25 @@
-// True longest-prefix match over the node records.
+// True longest-prefix match over the node records, one query at a time or
+// many interleaved.
+//
+// A descent reads one node record per level, from the top node down along
+// the query's bits, and keeps the longest stored length met on the way:
+// every black length on a node's edge up to where the query leaves it covers
+// the query. IPv4 nodes branch two bits at a time, and a prefix of odd length
+// len + 1 below a node of length len lives on the node in the x0 slot; a
+// query that goes on into the x1 slot reads that neighbour too, after the
+// descent and only when nothing longer was found. The descent ends where the query
+// leaves a node's key, at the query's own length, at an empty slot, or at an
+// absent record (read across a writer's change); deeper than a sound trie can
+// be is damage. With nothing found, the default route answers when stored.
+//
+// A descent is a small state machine advanced one level at a time, so that
+// a batch keeps several in flight: for each it first asks the table to fetch
+// the index entries of the records it reads next, then the records, and
+// reads them only when it comes round again, by which time the other
+// descents' reads have overlapped its own.
 #include <fmt/format.h>
+
+#include <array>
 
 #include "TrieLib/TrieFamily.h"
 
@@ -11,75 +31,221 @@ namespace {
                                      trie->name(), family, limit));
 }
 
-Addrkit::IpGenPrefix longestMatch4(const Trie* trie, const Addrkit::Prefix& p) {
-  const U32 plen = p.len();
-  U32 bestLen = 0;
-  U32 bestAddr = 0;
-  bool found = false;
-  auto consider = [&](const Addrkit::Prefix& key, U32 len) {
-    if (!found || len > bestLen) {
-      found = true;
-      bestLen = len;
-      bestAddr = key.addrHost();
+template <class Key>
+const U8* bytesOf(const Key& key) {
+  return reinterpret_cast<const U8*>(&key);
+}
+
+class Descent4 {
+ public:
+  using Key = Addrkit::Prefix;
+  static constexpr Addrkit::AddressFamily af = Addrkit::AddressFamily::ipv4;
+  static Key keyOf(const Addrkit::IpGenPrefix& p) { return p.v4(); }
+
+  void start(const Trie* trie, const Key& query) {
+    trie_ = trie;
+    map_ = &trie->trieNodeMap();
+    query_ = query;
+    found_ = false;
+    down_ = true;
+    depth_ = 0;
+    neighbours_ = 0;
+    next_ = trie->trieNode(rootPrefix).root();
+    if (next_ == nullPrefix) finishDown();
+  }
+  bool done() const { return next_ == nullPrefix; }
+  void prefetch() const { map_->table().prefetch(bytesOf(next_)); }
+  void prefetchRecords() const { map_->table().prefetchRecord(bytesOf(next_)); }
+  // Reads the next record: a node on the way down, then neighbours.
+  void advance() {
+    if (down_) {
+      if (depth_++ > Trie::ipv4TrieMaxDepth()) tooDeep(trie_, "IPv4", Trie::ipv4TrieMaxDepth());
+      if (const std::optional<TrieNode> n = map_->find(next_)) visit(*n);
+      else finishDown();
+      return;
     }
+    const Neighbour& last = neighbour_[--neighbours_];
+    if (const std::optional<TrieNode> n = map_->find(next_); n && hasBlack(*n, last.len)) consider(next_, last.len);
+    nextNeighbour();
+  }
+  Addrkit::IpGenPrefix answer() const {
+    if (found_) return Key::masked(bestAddr_, bestLen_);
+    if (trie_->trieNode(prefix032).black() & 1u) return prefix00;
+    return {};
+  }
+
+ private:
+  // A node whose x0 child carries a length-len prefix that covers the query.
+  struct Neighbour {
+    Key key;
+    U32 len;
   };
 
-  Addrkit::Prefix key = trie->trieNode(rootPrefix).root();
-  for (U32 depth = 0; key != nullPrefix; ++depth) {
-    if (depth > Trie::ipv4TrieMaxDepth()) tooDeep(trie, "IPv4", Trie::ipv4TrieMaxDepth());
-    TrieNode n = trie->trieNode(key);
-    if (Family4::isAbsent(n)) break;
+  void visit(const TrieNode& n) {
     const U32 len = n.key().len();
-    const U32 c = Family4::commonLen(n.key(), p);
+    const U32 c = commonPrefixLen(n.key(), query_, std::min(len, query_.len()));
     U32 bits = blackUpTo(n.black(), c);
     // 0.0.0.0/32 cannot be stored as a route: its bit on that key is the default route.
     if (n.key() == prefix032) bits &= ~1u;
     if (bits) consider(n.key(), longestBlack(bits));
-    if (c < len || c == plen) break;
-    const U32 slot = childSlot(p, len);
-    // A prefix of odd length len + 1 is carried by the node in the x0 slot;
-    // it also covers the queries that go on into the x1 slot.
+    if (c < len || c == query_.len()) return finishDown();
+    const U32 slot = childSlot(query_, len);
     if (slot & 1u) {
-      const Addrkit::Prefix sibling = n.child(slot & 2u);
-      if (sibling != nullPrefix && hasBlack(trie->trieNode(sibling), len + 1)) consider(sibling, len + 1);
+      if (const Key& x0 = n.child(slot & 2u); x0 != nullPrefix) neighbour_[neighbours_++] = {x0, len + 1};
     }
-    key = n.child(slot);
+    next_ = n.child(slot);
+    if (next_ == nullPrefix) finishDown();
   }
-  if (found) return Addrkit::Prefix::masked(bestAddr, bestLen);
-  if (trie->trieNode(prefix032).black() & 1u) return prefix00;
-  return {};
+  // A neighbour's length lies between its node's and the next node's, so
+  // only neighbours below the longest match found on the way down can
+  // improve it, the deepest first; they are read once the descent is over,
+  // and most lookups read none.
+  void finishDown() {
+    down_ = false;
+    nextNeighbour();
+  }
+  void nextNeighbour() {
+    if (neighbours_ > 0 && (!found_ || neighbour_[neighbours_ - 1].len > bestLen_))
+      next_ = neighbour_[neighbours_ - 1].key;
+    else
+      next_ = nullPrefix;
+  }
+  void consider(const Key& key, U32 len) {
+    if (!found_ || len > bestLen_) {
+      found_ = true;
+      bestLen_ = len;
+      bestAddr_ = key.addrHost();
+    }
+  }
+
+  const Trie* trie_ = nullptr;
+  const Trie::TrieNodeMap* map_ = nullptr;
+  Key query_;
+  Key next_;
+  bool down_ = true;
+  U32 depth_ = 0;
+  U32 bestLen_ = 0;
+  U32 bestAddr_ = 0;
+  bool found_ = false;
+  std::array<Neighbour, Trie::ipv4TrieMaxDepth() + 2> neighbour_;
+  U32 neighbours_ = 0;
+};
+
+class Descent6 {
+ public:
+  using Key = Addrkit::Ip6Prefix;
+  static constexpr Addrkit::AddressFamily af = Addrkit::AddressFamily::ipv6;
+  static Key keyOf(const Addrkit::IpGenPrefix& p) { return p.v6(); }
+
+  void start(const Trie* trie, const Key& query) {
+    trie_ = trie;
+    map_ = &trie->trieNode6Map();
+    query_ = query;
+    found_ = false;
+    depth_ = 0;
+    next_ = trie->trieNode6(rootPrefix6).leftChild();
+  }
+  bool done() const { return next_ == nullPrefix6; }
+  void prefetch() const { map_->table().prefetch(bytesOf(next_)); }
+  void prefetchRecords() const { map_->table().prefetchRecord(bytesOf(next_)); }
+  void advance() {
+    if (depth_++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
+    std::optional<TrieNode6> found = map_->find(next_);
+    next_ = nullPrefix6;
+    if (!found) return;
+    TrieNode6& n = *found;
+    const U32 len = n.key().len();
+    const U32 c = commonPrefixLen6(n.key(), query_, std::min(len, query_.len()));
+    if (U32 m = c ? prevBlack6(n, c) : 0) {
+      best_ = Key::masked(n.key().address(), m);
+      found_ = true;
+    }
+    if (c < len || c == query_.len()) return;
+    next_ = query_.address().bit(len) ? n.rightChild() : n.leftChild();
+  }
+  Addrkit::IpGenPrefix answer() const {
+    if (found_) return best_;
+    if (hasBlack6(trie_->trieNode6(prefix0128), 128)) return prefix006;
+    return {};
+  }
+
+ private:
+  const Trie* trie_ = nullptr;
+  const Trie::TrieNode6Map* map_ = nullptr;
+  Key query_;
+  Key next_;
+  Key best_;
+  U32 depth_ = 0;
+  bool found_ = false;
+};
+
+// One query: each read depends on the one before, so there is nothing to
+// fetch ahead.
+template <class D>
+Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query) {
+  D d;
+  d.start(trie, query);
+  while (!d.done()) d.advance();
+  return d.answer();
 }
 
-Addrkit::IpGenPrefix longestMatch6(const Trie* trie, const Addrkit::Ip6Prefix& p) {
-  const U32 plen = p.len();
-  Addrkit::Ip6Prefix best;
-  bool found = false;
-
-  Addrkit::Ip6Prefix key = trie->trieNode6(rootPrefix6).leftChild();
-  for (U32 depth = 0; key != nullPrefix6; ++depth) {
-    if (depth > Trie::ipv6TrieMaxDepth()) tooDeep(trie, "IPv6", Trie::ipv6TrieMaxDepth());
-    TrieNode6 n = trie->trieNode6(key);
-    if (Family6::isAbsent(n)) break;
-    const U32 len = n.key().len();
-    const U32 c = Family6::commonLen(n.key(), p);
-    if (U32 m = c ? prevBlack6(n, c) : 0) {
-      best = Addrkit::Ip6Prefix::masked(n.key().address(), m);
-      found = true;
+// The queries of one family, `lanes` descents at a time in round robin: each
+// visit of a lane does one of its three stages (fetch the index, fetch the
+// records, read and move down), and a finished lane takes the next query.
+template <class D>
+void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
+               std::span<Addrkit::IpGenPrefix> answers) {
+  constexpr size_t lanes = 16;
+  std::array<D, lanes> lane;
+  std::array<size_t, lanes> owner;
+  std::array<U8, lanes> stage;
+  size_t next = 0;
+  size_t active = 0;
+  auto take = [&](size_t l) {
+    while (next < queries.size() && queries[next].af() != D::af) ++next;
+    if (next == queries.size()) return false;
+    owner[l] = next;
+    lane[l].start(trie, D::keyOf(queries[next]));
+    stage[l] = 0;
+    ++next;
+    return true;
+  };
+  while (active < lanes && take(active)) ++active;
+  while (active > 0) {
+    for (size_t l = 0; l < active;) {
+      D& d = lane[l];
+      if (!d.done()) {
+        switch (stage[l]) {
+          case 0: d.prefetch(); break;
+          case 1: d.prefetchRecords(); break;
+          default: d.advance(); break;
+        }
+        stage[l] = stage[l] == 2 ? 0 : stage[l] + 1;
+      }
+      if (d.done()) {
+        answers[owner[l]] = d.answer();
+        if (!take(l)) {
+          // The last lane moves into this one's place.
+          --active;
+          if (l != active) {
+            lane[l] = lane[active];
+            owner[l] = owner[active];
+            stage[l] = stage[active];
+          }
+          continue;
+        }
+      }
+      ++l;
     }
-    if (c < len || c == plen) break;
-    key = p.address().bit(len) ? n.rightChild() : n.leftChild();
   }
-  if (found) return best;
-  if (hasBlack6(trie->trieNode6(prefix0128), 128)) return prefix006;
-  return {};
 }
 
 }  // namespace
 
 Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) const {
   switch (prefix.af()) {
-    case Addrkit::AddressFamily::ipv4: return longestMatch4(this, prefix.v4());
-    case Addrkit::AddressFamily::ipv6: return longestMatch6(this, prefix.v6());
+    case Addrkit::AddressFamily::ipv4: return matchOne<Descent4>(this, prefix.v4());
+    case Addrkit::AddressFamily::ipv6: return matchOne<Descent6>(this, prefix.v6());
     default: return {};
   }
 }
@@ -87,7 +253,10 @@ Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) cons
 void Trie::longestMatch(std::span<const Addrkit::IpGenPrefix> queries, std::span<Addrkit::IpGenPrefix> answers) const {
   if (answers.size() < queries.size())
     throw Basis::RangeException(fmt::format("longestMatch: {} answers for {} queries", answers.size(), queries.size()));
-  for (size_t i = 0; i < queries.size(); ++i) answers[i] = longestMatch(queries[i]);
+  for (size_t i = 0; i < queries.size(); ++i)
+    if (queries[i].af() == Addrkit::AddressFamily::none) answers[i] = {};
+  matchMany<Descent4>(this, queries, answers);
+  matchMany<Descent6>(this, queries, answers);
 }
 
 }  // namespace Routing::Lattice

@@ -88,14 +88,6 @@ void setBlack(TrieNode& node, unsigned int bitpos, bool value) {
              node.black());
 }
 
-U32 commonPrefixLen(const Addrkit::Prefix& a, const Addrkit::Prefix& b, unsigned int maxLen) {
-  U32 x = a.addrHost();
-  U32 y = b.addrHost();
-  if (x == y) return maxLen;
-  U32 z = std::countl_zero(x ^ y);
-  return z <= maxLen ? z : maxLen;
-}
-
 bool prefixLexicallyGreater4(const Addrkit::Prefix& a, const Addrkit::Prefix& b) {
   if (b.address() < a.address()) return true;
   if (a.address() == b.address()) return a.len() > b.len();

@@ -1,5 +1,7 @@
 #pragma once
 // IPv4 trie algorithms (stride 2) over TrieNode records.
+#include <bit>
+
 #include "TrieLib/BlackBits.h"
 #include "TrieLib/DepotTrie.h"
 
@@ -17,7 +19,14 @@ inline U32 childSlot(const Addrkit::Prefix& p, U32 evenLen) {
 }
 
 void setBlack(TrieNode& node, unsigned int bitpos, bool value);
-U32 commonPrefixLen(const Addrkit::Prefix& a, const Addrkit::Prefix& b, unsigned int maxLen);
+// The leading bits a and b share, at most maxLen.
+inline U32 commonPrefixLen(const Addrkit::Prefix& a, const Addrkit::Prefix& b, unsigned int maxLen) {
+  const U32 x = a.addrHost();
+  const U32 y = b.addrHost();
+  if (x == y) return maxLen;
+  const U32 z = std::countl_zero(x ^ y);
+  return z <= maxLen ? z : maxLen;
+}
 bool prefixLexicallyGreater4(const Addrkit::Prefix& a, const Addrkit::Prefix& b);
 // The key of the node that carries p: p itself for even lengths, one bit
 // longer for odd lengths.

@@ -113,16 +113,6 @@ U32 prevBlack6(TrieNode6& node, U32 bitPos) {
   return 0;
 }
 
-U32 commonPrefixLen6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b, unsigned int maxLen) {
-  for (U32 k = 0; k < 4; ++k) {
-    const U32 x = a.word(k);
-    const U32 y = b.word(k);
-    if (x != y) return 32 * k + std::min<U32>(std::countl_zero(x ^ y), maxLen - 32 * k);
-    if (32 * (k + 1) >= maxLen) return maxLen;
-  }
-  return 128;
-}
-
 bool prefixLexicallyGreater6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b) {
   if (b.address() < a.address()) return true;
   if (a.address() != b.address()) return false;

@@ -1,5 +1,8 @@
 #pragma once
 // IPv6 trie algorithms (binary) over TrieNode6 records.
+#include <algorithm>
+#include <bit>
+
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
@@ -13,7 +16,16 @@ void setBlack6(TrieNode6& node, U32 bitpos, bool value);
 U32 firstBlack6(const TrieNode6& node);
 U32 nextBlack6(TrieNode6& node, U32 bitPos);
 U32 prevBlack6(TrieNode6& node, U32 bitPos);
-U32 commonPrefixLen6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b, unsigned int maxLen);
+// The leading bits a and b share, at most maxLen.
+inline U32 commonPrefixLen6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b, unsigned int maxLen) {
+  for (U32 k = 0; k < 4; ++k) {
+    const U32 x = a.word(k);
+    const U32 y = b.word(k);
+    if (x != y) return 32 * k + std::min<U32>(std::countl_zero(x ^ y), maxLen - 32 * k);
+    if (32 * (k + 1) >= maxLen) return maxLen;
+  }
+  return 128;
+}
 bool prefixLexicallyGreater6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b);
 
 // Insertion.

@@ -16,15 +16,6 @@ TrieNode::TrieNode(const Addrkit::Prefix& key)
 
 Addrkit::Prefix TrieNode::nullChild() { return nullPrefix; }
 
-const Addrkit::Prefix& TrieNode::child(U32 slot) const {
-  switch (slot) {
-    case 0: return child00_;
-    case 1: return child01_;
-    case 2: return child10_;
-    default: return child11_;
-  }
-}
-
 void TrieNode::childIs(U32 slot, const Addrkit::Prefix& p) {
   switch (slot) {
     case 0: child00_ = p; break;

@@ -40,7 +40,14 @@ class TrieNode {
   const Addrkit::Prefix& root() const { return child00_; }
   void rootIs(const Addrkit::Prefix& p) { child00_ = p; }
   // Child by slot 0..3 (00, 01, 10, 11); any other slot is child11.
-  const Addrkit::Prefix& child(U32 slot) const;
+  const Addrkit::Prefix& child(U32 slot) const {
+    switch (slot) {
+      case 0: return child00_;
+      case 1: return child01_;
+      case 2: return child10_;
+      default: return child11_;
+    }
+  }
   void childIs(U32 slot, const Addrkit::Prefix& p);
 
   // Equal at once when a and b are the same record; else compared field by

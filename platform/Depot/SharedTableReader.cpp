@@ -112,6 +112,16 @@ void SharedTableReader::refuse() { throw AccessException("invalid attempt to wri
 // writer and tries again.
 bool SharedTableReader::lookup(const U8* key, U32* words, U64& slot) const {
   const U64 hash = keys_.hash(key);
+  // The common case costs one pass and nothing else: a settled answer from
+  // a table that is not being read around.
+  if (const Mapping& m = newestMapping(); !readingAround(m)) [[likely]] {
+    const Probe p = probe(m, keys_, key, hash, words, false);
+    if (p.outcome == Outcome::found) {
+      slot = p.slot;
+      return true;
+    }
+    if (p.outcome == Outcome::absent) return false;
+  }
   Patience patience(deadlineFor(newestMapping()));
   for (;;) {
     const Mapping& m = newestMapping();

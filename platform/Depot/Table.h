@@ -58,9 +58,13 @@ class Table {
   virtual void write(const U8* record) = 0;
   // Removes the record under key, copying it into removed; false when absent.
   virtual bool remove(const U8* key, U8* removed) = 0;
-  // A hint that key is about to be looked up or written: the table may start
-  // fetching the memory its lookup reads.
+  // Hints that key is about to be looked up or written, so that the memory
+  // reads of several lookups overlap: prefetch starts fetching the index
+  // its lookup reads first; prefetchRecord, called once that has had time
+  // to arrive, starts fetching the record the index names. Neither changes
+  // anything, waits for a writer or reports damage.
   virtual void prefetch(const U8*) const {}
+  virtual void prefetchRecord(const U8*) const {}
   // The stored record under key for a writer to change in place, or nullptr.
   virtual U8* inPlace(const U8* key) = 0;
   // Publishes a record changed in place as one whole change.

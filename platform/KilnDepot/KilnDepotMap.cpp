@@ -56,13 +56,14 @@ void CollectionBinding::handleParent(const Kiln::Entity& owner) {
 
 void CollectionBinding::tableIs(std::unique_ptr<Depot::Table> t) { table_ = std::move(t); }
 
-void CollectionBinding::get(const U8* key, U8* out) const {
+bool CollectionBinding::get(const U8* key, U8* out) const {
   try {
-    if (table_->find(key, out)) return;
+    if (table_->find(key, out)) return true;
   } catch (const Depot::CorruptionException& e) {
     table_->reportCorruption(e.what());
   }
   std::memcpy(out, default_.data(), layout_.recordSize);
+  return false;
 }
 
 void CollectionBinding::safeWrite(const U8* record) {

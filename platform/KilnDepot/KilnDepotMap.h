@@ -5,6 +5,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,8 +51,9 @@ class CollectionBinding {
   Basis::DebugHandler& debug() const { return *debug_; }
 
   // Copies the record under key into out, or the default record when the key
-  // is absent or the table reports damage (which is reported back to it).
-  void get(const U8* key, U8* out) const;
+  // is absent or the table reports damage (which is reported back to it);
+  // true when a record was found.
+  bool get(const U8* key, U8* out) const;
   // Damage found while writing, removing or committing stops the process:
   // there is no recovery from a failed write.
   void safeWrite(const U8* record);
@@ -126,6 +128,12 @@ class KilnDepotMap : public CollectionBinding {
   R get(const K& key) const {
     std::array<U8, sizeof(R)> bytes;
     CollectionBinding::get(reinterpret_cast<const U8*>(&key), bytes.data());
+    return std::bit_cast<R>(bytes);
+  }
+  // The same read for a caller that needs to know whether the key was there.
+  std::optional<R> find(const K& key) const {
+    std::array<U8, sizeof(R)> bytes;
+    if (!CollectionBinding::get(reinterpret_cast<const U8*>(&key), bytes.data())) return std::nullopt;
     return std::bit_cast<R>(bytes);
   }
   void safeWrite(const R& r) { CollectionBinding::safeWrite(reinterpret_cast<const U8*>(&r)); }

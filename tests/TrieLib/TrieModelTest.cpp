@@ -35,13 +35,22 @@ void expectSameAnswers(const Trie& t, const Reference& ref, PrefixGen& gen) {
     ASSERT_EQ(successors(t, families[v6], want.size()), want) << "successor chain, IPv" << (v6 ? 6 : 4);
     ASSERT_EQ(walkFamily(t, v6), want) << "whole-family walk, IPv" << (v6 ? 6 : 4);
     for (const IpGenPrefix& p : want) ASSERT_EQ(t.lpm(p), p) << "lpm of stored " << p;
+    // Longest match of hosts and prefixes one at a time and batched, direct and consistent.
+    std::vector<IpGenPrefix> queries, batched(200), consistent(200);
     for (int q = 0; q < 100; ++q) {
       IpGenPrefix host = gen.host(v6), start = gen.prefix(v6);
-      ASSERT_EQ(t.longestMatch(host), ref.longestMatch(host)) << "longestMatch " << host;
-      ASSERT_EQ(reader.longestMatch(host), ref.longestMatch(host)) << "consistent longestMatch " << host;
+      queries.insert(queries.end(), {host, start});
       ASSERT_EQ(reader.lpm(host), t.lpm(host)) << "consistent lpm " << host;
       ASSERT_EQ(t.getNext(start), ref.next(start)) << "getNext " << start;
       ASSERT_EQ(reader.getNext(start), ref.next(start)) << "consistent getNext " << start;
+    }
+    t.longestMatch(queries, batched);
+    reader.longestMatch(queries, consistent);
+    for (size_t q = 0; q < queries.size(); ++q) {
+      const IpGenPrefix want = ref.longestMatch(queries[q]);
+      ASSERT_EQ(t.longestMatch(queries[q]), want) << "longestMatch " << queries[q];
+      ASSERT_EQ(reader.longestMatch(queries[q]), want) << "consistent longestMatch " << queries[q];
+      ASSERT_TRUE(batched[q] == want && consistent[q] == want) << "batched longestMatch " << queries[q];
     }
     // A subtree walk from a start on its own node key (any IPv6 length, an
     // even IPv4 one) delivers every stored prefix inside it, and may deliver
@@ -147,11 +156,13 @@ TEST(TrieModel, SampleTablesLoadSoundAndMatchTheReference) {
   PrefixGen gen(5);
   const std::vector<IpGenPrefix> stored(ref.all().begin(), ref.all().end());
   size_t lpmMisses = 0;
-  for (int q = 0; q < 20000; ++q) {
-    const IpGenPrefix& p = stored[gen.rng() % stored.size()];
-    const IpGenPrefix host = gen.hostInside(p);
+  std::vector<IpGenPrefix> hosts(20000), batched(20000);
+  for (IpGenPrefix& host : hosts) host = gen.hostInside(stored[gen.rng() % stored.size()]);
+  t->longestMatch(hosts, batched);
+  for (size_t q = 0; q < hosts.size(); ++q) {
+    const IpGenPrefix& host = hosts[q];
     const IpGenPrefix want = ref.longestMatch(host);
-    ASSERT_EQ(t->longestMatch(host), want) << host;
+    ASSERT_TRUE(t->longestMatch(host) == want && batched[q] == want) << host;
     if (t->lpm(host) != want) {
       ++lpmMisses;
       ASSERT_EQ(host.af(), Addrkit::AddressFamily::ipv4) << host;
