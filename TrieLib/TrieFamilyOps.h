@@ -170,6 +170,17 @@ class WalkTooDeep : public Basis::Exception {
   using Basis::Exception::Exception;
 };
 
+// Starts fetching the records of a node's children together, so that the
+// walk waits for them once rather than once per child.
+template <class F>
+void prefetchChildren(const Trie* trie, const typename F::Record& node) {
+  const Depot::Table& table = F::map(*trie).table();
+  for (U32 i = 0; i < F::childCount; ++i)
+    if (F::child(node, i) != F::nullKey()) table.prefetch(reinterpret_cast<const U8*>(&F::child(node, i)));
+  for (U32 i = 0; i < F::childCount; ++i)
+    if (F::child(node, i) != F::nullKey()) table.prefetchRecord(reinterpret_cast<const U8*>(&F::child(node, i)));
+}
+
 // Visits the node of `key` and its subtree, level levels below the walk's
 // start; false when the visitor aborted. A healthy trie is at most
 // F::maxDescents + 1 nodes deep: deeper means a cycle in damaged tables, or
@@ -199,6 +210,7 @@ bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& ke
       skipped = action == skipSubtree;
     }
   }
+  if (goOn && !skipped) prefetchChildren<F>(trie, node);
   for (U32 i = 0; i < F::childCount && goOn && !skipped; ++i) {
     const typename F::Key& child = F::child(node, i);
     if (child != F::nullKey()) goOn = walkBelow<F>(trie, visitor, child, true, level + 1);
