@@ -5,10 +5,11 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 BUILD := build
 ASAN_BUILD := build-asan
 FUZZ_BUILD := build-fuzz
+BENCH_BUILD := build-bench
 # The fuzz targets build with clang and link libFuzzer.
 FUZZ_PKGS := clang-14 libclang-rt-14-dev libfuzzer-14-dev
 
-.PHONY: deps build test test-plain test-asan test-fuzz demo clean
+.PHONY: deps build test test-plain test-asan test-fuzz demo bench clean
 
 deps:
 	@missing=$$(for p in $(PKGS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
@@ -45,6 +46,12 @@ test: test-plain test-asan test-fuzz
 demo: build
 	@if [ -x $(BUILD)/tools/depottrie/depottrie ]; then ./scripts/demo.sh $(BUILD); \
 	else echo "the depottrie tool is not built yet"; exit 1; fi
+
+# One table of the trie's costs on this machine, from a Release build.
+bench: deps
+	cmake -S . -B $(BENCH_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DDEPOT_BUILD_BENCH=ON >/dev/null
+	cmake --build $(BENCH_BUILD) -j2 --target depot_bench
+	./$(BENCH_BUILD)/bench/depot_bench
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

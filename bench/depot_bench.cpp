@@ -1,28 +1,277 @@
-// Shared-memory trie benchmarks on the sample tables (data/routes-v4.txt.xz,
-// data/routes-v6.txt.xz): load into shared memory, longest-prefix match from
-// a reader, enumeration by walk and by getNext, and the shared memory each
-// stored prefix costs.
+// depot_bench: one table of the shared-memory trie's costs on this machine,
+// from one run over the sample tables (data/routes-v4.txt.xz,
+// data/routes-v6.txt.xz; DEPOT_DATA overrides the folder).
 //
-//   depot_bench [--benchmark_filter=...]   (DEPOT_DATA overrides the data folder)
-#include <benchmark/benchmark.h>
+// The writer loads and updates the tables in this process; every lookup,
+// walk and successor figure comes from reader processes forked for it, which
+// map the same tables read-only, as a routing agent would. The memory
+// latency of the machine is measured in the same run, and a cache model
+// turns the node records a lookup reads into a latency bound, so that the
+// lookup rate can be read against what the memory allows.
+//
+// Progress goes to stderr when it is a terminal; the table goes to stdout.
+#include <dirent.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <lzma.h>
-#include <stdlib.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <chrono>
+#include <climits>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <optional>
 #include <random>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Depot/SharedTable.h"
+#include "TrieLib/ConsistentRead.h"
 #include "TrieLib/TrieMount.h"
 
 using namespace Routing::Lattice;
 using Addrkit::IpGenPrefix;
+using Clock = std::chrono::steady_clock;
 
 namespace {
+
+// Each node record a lookup reads costs two dependent cache misses in the
+// shared table: the hash index entry, then the slot it names. A change to
+// the table layout (for example records kept in the index line) changes this.
+constexpr double kMissesPerRecord = 2;
+// Cache lines a record occupies for the cache model: its index entry's line
+// and its slot's line.
+constexpr double kBytesPerRecord = 128;
+
+constexpr size_t kQueryCount = size_t(1) << 20;
+constexpr U64 kSeed = 42;
+constexpr size_t kBatch = 256;
+constexpr double kRunSeconds = 1.0;
+constexpr size_t kUpdateCount = 100000;
+constexpr U64 kSuccessorSteps = 200000;
+constexpr size_t kChaseBytes = size_t(1) << 30;
+
+// Results of timed loops land here, so that the loops are not optimised away.
+volatile U64 gSink;
+
+bool progressShown() { return isatty(STDERR_FILENO); }
+template <class... Args>
+void progress(fmt::format_string<Args...> f, Args&&... args) {
+  if (progressShown()) fmt::print(stderr, "{}\n", fmt::format(f, std::forward<Args>(args)...));
+}
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// ---------------------------------------------------------------------------
+// The temporary depot root, removed at exit, on an exception and on SIGINT,
+// SIGTERM or SIGHUP (the handler removes it with system calls only).
+
+char gRootPath[PATH_MAX];
+pid_t gRootOwner = 0;
+
+void removeContents(int dir, int depth) {
+  // Entries removed during a scan can make getdents skip others: scan again
+  // until a pass finds nothing left.
+  for (int pass = 0; pass < 16; ++pass) {
+    bool any = false;
+    lseek(dir, 0, SEEK_SET);
+    alignas(8) char buf[4096];
+    for (ssize_t n; (n = getdents64(dir, buf, sizeof buf)) > 0;) {
+      for (ssize_t off = 0; off < n;) {
+        const auto* d = reinterpret_cast<const struct dirent64*>(buf + off);
+        off += d->d_reclen;
+        if (std::strcmp(d->d_name, ".") == 0 || std::strcmp(d->d_name, "..") == 0) continue;
+        any = true;
+        if (d->d_type == DT_DIR && depth < 8) {
+          const int sub = openat(dir, d->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+          if (sub >= 0) {
+            removeContents(sub, depth + 1);
+            close(sub);
+          }
+          unlinkat(dir, d->d_name, AT_REMOVEDIR);
+        } else {
+          unlinkat(dir, d->d_name, 0);
+        }
+      }
+    }
+    if (!any) return;
+  }
+}
+
+void removeRoot() {
+  if (gRootPath[0] == 0) return;
+  const int dir = open(gRootPath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (dir >= 0) {
+    removeContents(dir, 0);
+    close(dir);
+  }
+  rmdir(gRootPath);
+  gRootPath[0] = 0;
+}
+
+extern "C" void onTerminatingSignal(int sig) {
+  // Reader children inherit the handler; only the process that made the root removes it.
+  if (getpid() == gRootOwner) removeRoot();
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
+class BenchRoot {
+ public:
+  BenchRoot() {
+    char tmpl[] = "/dev/shm/depot-bench-XXXXXX";
+    if (!mkdtemp(tmpl)) throw std::runtime_error(fmt::format("cannot create {}: {}", tmpl, std::strerror(errno)));
+    std::snprintf(gRootPath, sizeof gRootPath, "%s", tmpl);
+    gRootOwner = getpid();
+    struct sigaction sa {};
+    sa.sa_handler = onTerminatingSignal;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+    options.root = tmpl;
+  }
+  ~BenchRoot() {
+    if (getpid() == gRootOwner) removeRoot();
+  }
+  BenchRoot(const BenchRoot&) = delete;
+  BenchRoot& operator=(const BenchRoot&) = delete;
+  MountOptions options;
+};
+
+// ---------------------------------------------------------------------------
+// The machine.
+
+struct Machine {
+  std::string cpu = "unknown CPU";
+  long cores = 0;
+  size_t l3 = 0;
+  std::string l3Source;
+  std::string loadAverage = "unknown";  // over the last minute: other work competing for the cores
+};
+
+std::optional<size_t> sysfsL3() {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  for (const fs::directory_entry& e : fs::directory_iterator("/sys/devices/system/cpu/cpu0/cache", ec)) {
+    std::ifstream level(e.path() / "level"), size(e.path() / "size");
+    int l = 0;
+    std::string s;
+    if (!(level >> l) || l != 3 || !(size >> s) || s.empty()) continue;
+    size_t v = std::stoull(s);
+    if (s.back() == 'K') v <<= 10;
+    if (s.back() == 'M') v <<= 20;
+    return v;
+  }
+  return std::nullopt;
+}
+
+Machine machine() {
+  Machine m;
+  std::ifstream cpuinfo("/proc/cpuinfo");
+  for (std::string line; std::getline(cpuinfo, line);) {
+    if (line.rfind("model name", 0) == 0) {
+      const size_t colon = line.find(':');
+      if (colon != std::string::npos) m.cpu = line.substr(line.find_first_not_of(" \t", colon + 1));
+      break;
+    }
+  }
+  m.cores = sysconf(_SC_NPROCESSORS_ONLN);
+  std::ifstream("/proc/loadavg") >> m.loadAverage;
+  // The kernel's cache description names the L3 this core shares; under a
+  // hypervisor sysconf can report the whole package's L3 instead.
+  const long fromSysconf = sysconf(_SC_LEVEL3_CACHE_SIZE);
+  if (std::optional<size_t> s = sysfsL3()) {
+    m.l3 = *s;
+    m.l3Source = fromSysconf > 0 && size_t(fromSysconf) != *s
+                     ? fmt::format("sysfs; sysconf says {} MiB", fromSysconf >> 20)
+                     : "sysfs";
+  } else if (fromSysconf > 0) {
+    m.l3 = size_t(fromSysconf);
+    m.l3Source = "sysconf";
+  } else {
+    m.l3 = size_t(32) << 20;
+    m.l3Source = "not reported, assumed";
+  }
+  return m;
+}
+
+std::string today() {
+  const std::time_t now = std::time(nullptr);
+  char buf[64];
+  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M %Z", std::localtime(&now));
+  return buf;
+}
+
+// ---------------------------------------------------------------------------
+// Memory latency: a pointer chase through a random cyclic permutation of the
+// 64-byte lines of a buffer far larger than the cache. The buffer uses 4 KiB
+// pages like the tables on /dev/shm, so the chase pays the same TLB misses.
+
+struct Latency {
+  double dependentNs = 0;    // per miss, each load waiting for the one before
+  double interleavedNs = 0;  // per miss, 8 chases in flight
+};
+
+struct alignas(64) Line {
+  Line* next;
+  char pad[56];
+};
+
+Latency memoryLatency(size_t bytes) {
+  const size_t lines = bytes / sizeof(Line);
+  void* mem = mmap(nullptr, lines * sizeof(Line), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mem == MAP_FAILED) throw std::runtime_error(fmt::format("cannot map {} MiB for the latency chase", bytes >> 20));
+  madvise(mem, lines * sizeof(Line), MADV_NOHUGEPAGE);
+  Line* line = static_cast<Line*>(mem);
+  Latency lat;
+  try {
+    std::vector<U32> order(lines);
+    std::iota(order.begin(), order.end(), 0u);
+    std::shuffle(order.begin(), order.end(), std::mt19937_64(kSeed));
+    for (size_t i = 0; i < lines; ++i) line[order[i]].next = &line[order[(i + 1) % lines]];
+
+    Line* p = &line[order[0]];
+    for (size_t i = 0; i < 100000; ++i) p = p->next;
+    constexpr size_t steps = size_t(1) << 22;
+    Clock::time_point start = Clock::now();
+    for (size_t i = 0; i < steps; ++i) p = p->next;
+    lat.dependentNs = secondsSince(start) * 1e9 / double(steps);
+
+    constexpr size_t ways = 8;
+    std::array<Line*, ways> q;
+    for (size_t k = 0; k < ways; ++k) q[k] = &line[order[k * (lines / ways)]];
+    constexpr size_t stepsEach = size_t(1) << 21;
+    start = Clock::now();
+    for (size_t i = 0; i < stepsEach; ++i)
+      for (size_t k = 0; k < ways; ++k) q[k] = q[k]->next;
+    lat.interleavedNs = secondsSince(start) * 1e9 / double(stepsEach * ways);
+    // Keep the chases' results alive.
+    uintptr_t ends = reinterpret_cast<uintptr_t>(p);
+    for (Line* r : q) ends ^= reinterpret_cast<uintptr_t>(r);
+    gSink = gSink + ends;
+  } catch (...) {
+    munmap(mem, lines * sizeof(Line));
+    throw;
+  }
+  munmap(mem, lines * sizeof(Line));
+  return lat;
+}
+
+// ---------------------------------------------------------------------------
+// Data.
 
 std::string dataFile(const char* name) {
   const char* dir = std::getenv("DEPOT_DATA");
@@ -34,7 +283,10 @@ std::vector<std::string> xzLines(const std::string& path) {
   FILE* f = std::fopen(path.c_str(), "rb");
   if (!f) throw std::runtime_error(fmt::format("cannot open {}", path));
   lzma_stream z = LZMA_STREAM_INIT;
-  if (lzma_stream_decoder(&z, UINT64_MAX, LZMA_CONCATENATED) != LZMA_OK) throw std::runtime_error(fmt::format("cannot start decompressing {}", path));
+  if (lzma_stream_decoder(&z, UINT64_MAX, LZMA_CONCATENATED) != LZMA_OK) {
+    std::fclose(f);
+    throw std::runtime_error(fmt::format("cannot start decompressing {}", path));
+  }
   std::vector<std::string> lines(1);
   std::vector<uint8_t> in(1 << 16), out(1 << 16);
   lzma_ret ret = LZMA_OK;
@@ -46,7 +298,11 @@ std::vector<std::string> xzLines(const std::string& path) {
     z.next_out = out.data();
     z.avail_out = out.size();
     ret = lzma_code(&z, std::feof(f) ? LZMA_FINISH : LZMA_RUN);
-    if (ret != LZMA_OK && ret != LZMA_STREAM_END) throw std::runtime_error(fmt::format("bad xz data in {}", path));
+    if (ret != LZMA_OK && ret != LZMA_STREAM_END) {
+      lzma_end(&z);
+      std::fclose(f);
+      throw std::runtime_error(fmt::format("bad xz data in {}", path));
+    }
     for (const uint8_t* p = out.data(); p != z.next_out; ++p) {
       if (*p == '\n') lines.emplace_back();
       else lines.back() += char(*p);
@@ -58,116 +314,264 @@ std::vector<std::string> xzLines(const std::string& path) {
   return lines;
 }
 
-const std::vector<IpGenPrefix>& routes(bool v6) {
-  static std::vector<IpGenPrefix> sets[2];
-  std::vector<IpGenPrefix>& s = sets[v6];
-  if (s.empty())
-    for (const std::string& line : xzLines(dataFile(v6 ? "routes-v6.txt.xz" : "routes-v4.txt.xz")))
-      s.emplace_back(line);
-  return s;
+std::vector<IpGenPrefix> routes(const char* file) {
+  std::vector<IpGenPrefix> out;
+  for (const std::string& line : xzLines(dataFile(file)))
+    if (!line.empty() && line[0] != '#') out.emplace_back(line);
+  return out;
 }
 
-// A temporary depot root under /dev/shm, removed with its tables.
-class BenchRoot {
- public:
-  BenchRoot() {
-    char tmpl[] = "/dev/shm/depot-bench-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error(fmt::format("cannot create {}", tmpl));
-    options.root = tmpl;
+// Random host addresses inside randomly chosen prefixes of `from`.
+std::vector<IpGenPrefix> randomQueries(const std::vector<IpGenPrefix>& from, size_t count, U64 seed) {
+  std::mt19937_64 rng(seed);
+  std::vector<IpGenPrefix> queries;
+  queries.reserve(count);
+  for (size_t i = 0; i < count; ++i) {
+    const IpGenPrefix& p = from[rng() % from.size()];
+    if (p.af() == Addrkit::AddressFamily::ipv4) {
+      const U32 hostBits = p.len() >= 32 ? 0 : p.len() == 0 ? 0xFFFFFFFFu : 0xFFFFFFFFu >> p.len();
+      queries.emplace_back(Addrkit::Prefix::masked(p.v4().addrHost() | (U32(rng()) & hostBits), 32));
+    } else {
+      Addrkit::Ip6Address a = p.v6().address();
+      for (unsigned w = 0; w < 4; ++w) {
+        const U32 fixed = p.len() >= 32 * (w + 1) ? 32 : p.len() > 32 * w ? p.len() - 32 * w : 0;
+        const U32 hostBits = fixed == 32 ? 0 : 0xFFFFFFFFu >> fixed;
+        a.wordIs(w, a.word(w) | (U32(rng()) & hostBits));
+      }
+      queries.emplace_back(Addrkit::Ip6Prefix::masked(a, 128));
+    }
   }
-  ~BenchRoot() { std::filesystem::remove_all(options.root); }
-  MountOptions options;
+  return queries;
+}
+
+// A random subset of n prefixes (fixed seed), in random order.
+std::vector<IpGenPrefix> randomSubset(std::vector<IpGenPrefix> all, size_t n) {
+  std::shuffle(all.begin(), all.end(), std::mt19937_64(kSeed + n));
+  all.resize(std::min(n, all.size()));
+  return all;
+}
+
+// ---------------------------------------------------------------------------
+// Records a longestMatch reads, counted by replaying its descent over the
+// public record reads: from the root record's top node, stop where the
+// common length with the query falls below the node's key length or reaches
+// the query's length; IPv4 descends by two bits into child(slot) and, for an
+// odd slot, also reads the neighbouring x0 child (which carries the prefix
+// one bit longer than the node). When nothing matched, the default route's
+// own record is read. The replica's answers are compared with the library's.
+
+// Record reads by tree level (0: the root record and the default route's
+// record, 1: the top node, ...) and lookups by nodes on their path.
+struct DescentCounts {
+  std::vector<U64> readsAtLevel;
+  std::vector<U64> lookupsAtDepth;
+  U64 lookups = 0;
+  U64 reads = 0;
+  U64 neighbourReads = 0;  // IPv4 x0 records read beside an x1 child
+  void read(U32 level) {
+    if (readsAtLevel.size() <= level) readsAtLevel.resize(level + 1);
+    ++readsAtLevel[level];
+    ++reads;
+  }
+  void finish(U32 depth) {
+    if (lookupsAtDepth.size() <= depth) lookupsAtDepth.resize(depth + 1);
+    ++lookupsAtDepth[depth];
+    ++lookups;
+  }
 };
 
-// Memory of both collection files of a trie, and their record counts.
-struct Footprint {
-  double resident = 0, file = 0, records = 0;
-};
-Footprint footprint(const Trie& t) {
-  Footprint f;
-  for (const Depot::Table* table : {&t.trieNodeMap().table(), &t.trieNode6Map().table()}) {
-    Depot::SharedTableStats s = dynamic_cast<const Depot::SharedTable&>(*table).stats();
-    f.resident += double(s.residentBytes);
-    f.file += double(s.fileBytes);
-    f.records += double(s.occupancy);
-  }
-  return f;
+// The bits of lengths 1..n in a black word (length 1 is the top bit).
+U32 lengthsUpTo(U32 n) { return n == 0 ? 0u : 0xFFFFFFFFu << (32 - n); }
+U32 blackBit(U32 len) { return 0x80000000u >> ((len - 1u) & 31u); }
+
+U32 commonLen4(const Addrkit::Prefix& a, const Addrkit::Prefix& b) {
+  const U32 limit = std::min(a.len(), b.len());
+  const U32 x = a.addrHost() ^ b.addrHost();
+  return x == 0 ? limit : std::min<U32>(std::countl_zero(x), limit);
 }
 
-void BM_Load(benchmark::State& state, bool v6) {
-  const std::vector<IpGenPrefix>& all = routes(v6);
-  Footprint f;
-  for (auto _ : state) {
-    state.PauseTiming();
-    {
-      BenchRoot root;
-      Basis::Ptr<Trie> t = trieWriterNew("bench", root.options);
-      state.ResumeTiming();
-      for (const IpGenPrefix& p : all) t->prefixIs(p);
-      state.PauseTiming();
-      f = footprint(*t);
-    }
-    state.ResumeTiming();
+U32 commonLen6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b) {
+  const U32 limit = std::min(a.len(), b.len());
+  for (U32 w = 0; w < 4; ++w) {
+    const U32 x = a.word(w) ^ b.word(w);
+    if (x != 0) return std::min<U32>(32 * w + std::countl_zero(x), limit);
+    if (32 * (w + 1) >= limit) return limit;
   }
-  const double n = double(all.size());
-  state.SetItemsProcessed(int64_t(state.iterations() * all.size()));
-  state.counters["prefixes"] = n;
-  state.counters["records/prefix"] = f.records / n;
-  state.counters["shm B/prefix"] = f.resident / n;
-  state.counters["file B/prefix"] = f.file / n;
+  return limit;
 }
 
-// One loaded trie per family, read through a reader's read-only mapping.
-struct Loaded {
-  BenchRoot root;
-  Basis::Ptr<Trie> reader;
-  std::vector<IpGenPrefix> queries;  // addresses inside stored prefixes
-  explicit Loaded(bool v6) {
-    const std::vector<IpGenPrefix>& all = routes(v6);
-    {
-      Basis::Ptr<Trie> writer = trieWriterNew("bench", root.options);
-      for (const IpGenPrefix& p : all) writer->prefixIs(p);
+IpGenPrefix replayLongestMatch4(const Trie& t, const Addrkit::Prefix& p, DescentCounts& counts) {
+  static const TrieNode absent{prefix00};
+  bool found = false;
+  U32 bestLen = 0, bestAddr = 0;
+  auto consider = [&](const Addrkit::Prefix& key, U32 len) {
+    if (!found || len > bestLen) {
+      found = true;
+      bestLen = len;
+      bestAddr = key.addrHost();
     }
-    reader = trieReaderNew("bench", root.options);
-    std::mt19937_64 rng(42);
-    for (int i = 0; i < (1 << 20); ++i) {
-      const IpGenPrefix& p = all[rng() % all.size()];
-      if (!v6) {
-        U32 hostBits = p.len() >= 32 ? 0 : p.len() == 0 ? 0xFFFFFFFFu : 0xFFFFFFFFu >> p.len();
-        U32 host = p.v4().addrHost() | (U32(rng()) & hostBits);
-        queries.emplace_back(Addrkit::Prefix::masked(host, 32));
-      } else {
-        Addrkit::Ip6Address a = p.v6().address();
-        for (unsigned w = 0; w < 4; ++w) {
-          U32 fixed = p.len() >= 32 * (w + 1) ? 32 : p.len() > 32 * w ? p.len() - 32 * w : 0;
-          U32 hostBits = fixed == 32 ? 0 : 0xFFFFFFFFu >> fixed;
-          a.wordIs(w, a.word(w) | (U32(rng()) & hostBits));
-        }
-        queries.emplace_back(Addrkit::Ip6Prefix::masked(a, 128));
+  };
+  counts.read(0);
+  Addrkit::Prefix key = t.trieNode(rootPrefix).root();
+  U32 depth = 0;
+  while (key != nullPrefix) {
+    if (depth > Trie::ipv4TrieMaxDepth())
+      throw std::runtime_error(fmt::format("IPv4 descent for {} deeper than {} nodes", p, depth));
+    counts.read(depth + 1);
+    const TrieNode n = t.trieNode(key);
+    if (n == absent) break;
+    ++depth;
+    const U32 len = n.key().len();
+    const U32 c = commonLen4(n.key(), p);
+    U32 bits = n.black() & lengthsUpTo(c);
+    if (n.key() == prefix032) bits &= ~1u;  // that bit is the default route
+    if (bits) consider(n.key(), 32 - std::countr_zero(bits));
+    if (c < len || c == p.len()) break;
+    const U32 slot = (p.addrHost() >> (30 - len)) & 3u;
+    if (slot & 1u) {
+      const Addrkit::Prefix sibling = n.child(slot & 2u);
+      if (sibling != nullPrefix) {
+        counts.read(depth + 1);
+        ++counts.neighbourReads;
+        if (t.trieNode(sibling).black() & blackBit(len + 1)) consider(sibling, len + 1);
       }
     }
+    key = n.child(slot);
   }
-};
-
-Loaded& loaded(bool v6) {
-  static std::unique_ptr<Loaded> tries[2];
-  if (!tries[v6]) tries[v6] = std::make_unique<Loaded>(v6);
-  return *tries[v6];
+  counts.finish(depth);
+  if (found) return Addrkit::Prefix::masked(bestAddr, bestLen);
+  counts.read(0);
+  if (t.trieNode(prefix032).black() & 1u) return prefix00;
+  return {};
 }
 
-void BM_Lpm(benchmark::State& state, bool v6) {
-  Loaded& l = loaded(v6);
-  size_t i = 0, misses = 0;
-  for (auto _ : state) {
-    IpGenPrefix match = l.reader->lpm(l.queries[i++ & (l.queries.size() - 1)]);
-    misses += match.isEmpty();
-    benchmark::DoNotOptimize(match);
+U32 longestBlackUpTo6(const TrieNode6& n, U32 c) {
+  for (U32 w = (c - 1) / 32 + 1; w-- > 0;) {
+    const U32 bits = n.black(w) & lengthsUpTo(std::min(c - 32 * w, 32u));
+    if (bits) return 32 * w + 32 - std::countr_zero(bits);
   }
-  state.SetItemsProcessed(int64_t(state.iterations()));
-  state.counters["misses"] = double(misses);
+  return 0;
 }
 
-class Counter : public TrieWalkCallback {
+IpGenPrefix replayLongestMatch6(const Trie& t, const Addrkit::Ip6Prefix& p, DescentCounts& counts) {
+  static const TrieNode6 absent{prefix006};
+  std::optional<Addrkit::Ip6Prefix> best;
+  counts.read(0);
+  Addrkit::Ip6Prefix key = t.trieNode6(rootPrefix6).leftChild();
+  U32 depth = 0;
+  while (key != nullPrefix6) {
+    if (depth > Trie::ipv6TrieMaxDepth())
+      throw std::runtime_error(fmt::format("IPv6 descent for {} deeper than {} nodes", p, depth));
+    counts.read(depth + 1);
+    const TrieNode6 n = t.trieNode6(key);
+    if (n == absent) break;
+    ++depth;
+    const U32 len = n.key().len();
+    const U32 c = commonLen6(n.key(), p);
+    if (U32 m = c ? longestBlackUpTo6(n, c) : 0) best = Addrkit::Ip6Prefix::masked(n.key().address(), m);
+    if (c < len || c == p.len()) break;
+    const bool right = (p.word(len / 32) >> (31 - len % 32)) & 1u;
+    key = right ? n.rightChild() : n.leftChild();
+  }
+  counts.finish(depth);
+  if (best) return *best;
+  counts.read(0);
+  if (t.trieNode6(prefix0128).black(3) & 1u) return prefix006;
+  return {};
+}
+
+// Records of the family's table by tree level, breadth first from the top
+// node over the child keys (level 0 holds the root record and the default
+// route's record when there is one).
+std::vector<U64> recordsByLevel(const Trie& t, bool v6) {
+  std::vector<U64> levels{1};
+  if (!v6) {
+    static const TrieNode absent{prefix00};
+    if (!(t.trieNode(prefix032) == absent)) ++levels[0];
+    std::vector<Addrkit::Prefix> frontier{t.trieNode(rootPrefix).root()}, next;
+    while (!frontier.empty()) {
+      U64 count = 0;
+      next.clear();
+      for (const Addrkit::Prefix& k : frontier) {
+        if (k == nullPrefix) continue;
+        const TrieNode n = t.trieNode(k);
+        if (n == absent) continue;
+        ++count;
+        for (U32 s = 0; s < 4; ++s) next.push_back(n.child(s));
+      }
+      if (count) levels.push_back(count);
+      frontier.swap(next);
+    }
+  } else {
+    static const TrieNode6 absent{prefix006};
+    if (!(t.trieNode6(prefix0128) == absent)) ++levels[0];
+    std::vector<Addrkit::Ip6Prefix> frontier{t.trieNode6(rootPrefix6).leftChild()}, next;
+    while (!frontier.empty()) {
+      U64 count = 0;
+      next.clear();
+      for (const Addrkit::Ip6Prefix& k : frontier) {
+        if (k == nullPrefix6) continue;
+        const TrieNode6 n = t.trieNode6(k);
+        if (n == absent) continue;
+        ++count;
+        next.push_back(n.leftChild());
+        next.push_back(n.rightChild());
+      }
+      if (count) levels.push_back(count);
+      frontier.swap(next);
+    }
+  }
+  return levels;
+}
+
+// ---------------------------------------------------------------------------
+// Timed lookups.
+
+// Lookups per second of `one` over the queries, cycled, for kRunSeconds.
+template <class One>
+double rateOneAtATime(const std::vector<IpGenPrefix>& queries, U64 offset, One&& one) {
+  const size_t mask = queries.size() - 1;  // a power of two
+  size_t i = offset, done = 0;
+  U64 empty = 0;
+  const Clock::time_point start = Clock::now();
+  double elapsed = 0;
+  do {
+    for (size_t k = 0; k < 4096; ++k) empty += one(queries[i++ & mask]).isEmpty();
+    done += 4096;
+  } while ((elapsed = secondsSince(start)) < kRunSeconds);
+  gSink = gSink + empty;
+  return double(done) / elapsed;
+}
+
+// The same for a batched lookup fed kBatch queries at a time.
+template <class Batch>
+double rateBatched(const std::vector<IpGenPrefix>& queries, U64 offset, Batch&& batch) {
+  std::vector<IpGenPrefix> answers(kBatch);
+  const size_t mask = queries.size() - 1;
+  size_t i = offset & ~(kBatch - 1), done = 0;
+  U64 empty = 0;
+  const Clock::time_point start = Clock::now();
+  double elapsed = 0;
+  do {
+    for (size_t k = 0; k < 16; ++k) {
+      batch(std::span<const IpGenPrefix>(queries.data() + (i & mask), kBatch), std::span<IpGenPrefix>(answers));
+      empty += answers[0].isEmpty();
+      i += kBatch;
+    }
+    done += 16 * kBatch;
+  } while ((elapsed = secondsSince(start)) < kRunSeconds);
+  gSink = gSink + empty;
+  return double(done) / elapsed;
+}
+
+double rateLongestMatch(const Trie& t, const std::vector<IpGenPrefix>& q, U64 offset) {
+  return rateOneAtATime(q, offset, [&](const IpGenPrefix& p) { return t.longestMatch(p); });
+}
+double rateLongestMatchBatched(const Trie& t, const std::vector<IpGenPrefix>& q, U64 offset) {
+  return rateBatched(q, offset, [&](auto in, auto out) { t.longestMatch(in, out); });
+}
+
+class CountingWalk : public TrieWalkCallback {
  public:
   WalkAction handleWalkCallback(const IpGenPrefix&) override {
     ++count;
@@ -176,39 +580,656 @@ class Counter : public TrieWalkCallback {
   U64 count = 0;
 };
 
-void BM_Walk(benchmark::State& state, bool v6) {
-  Loaded& l = loaded(v6);
-  U64 total = 0;
-  for (auto _ : state) {
-    Basis::Ptr<Counter> c(new Counter);
-    l.reader->preOrderWalk(c, v6 ? IpGenPrefix(rootPrefix6) : IpGenPrefix(rootPrefix));
-    total += c->count;
-  }
-  state.SetItemsProcessed(int64_t(total));
-  state.counters["prefixes"] = double(total / state.iterations());
+// ---------------------------------------------------------------------------
+// Child processes (the readers, and the machine's own scaling control). Each
+// reports ready, waits until the parent releases all children at once, runs,
+// and writes a plain result struct (with an error text on failure) into a pipe.
+
+template <class T>
+concept ChildResult = std::is_trivially_copyable_v<T> && requires(T t) { t.error[0]; };
+
+void closeFd(int& fd) {
+  if (fd >= 0) close(fd);
+  fd = -1;
 }
 
-void BM_GetNext(benchmark::State& state, bool v6) {
-  Loaded& l = loaded(v6);
-  U64 total = 0;
-  for (auto _ : state) {
-    for (IpGenPrefix p = l.reader->getNext(v6 ? IpGenPrefix(nullPrefix6) : IpGenPrefix(nullPrefix)); !p.isEmpty();
-         p = l.reader->getNext(p))
-      ++total;
+bool readFull(int fd, void* out, size_t n) {
+  char* p = static_cast<char*>(out);
+  while (n > 0) {
+    const ssize_t r = read(fd, p, n);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return false;
+    p += r;
+    n -= size_t(r);
   }
-  state.SetItemsProcessed(int64_t(total));
-  state.counters["prefixes"] = double(total / state.iterations());
+  return true;
 }
 
-BENCHMARK_CAPTURE(BM_Load, v4, false)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK_CAPTURE(BM_Load, v6, true)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK_CAPTURE(BM_Lpm, v4, false);
-BENCHMARK_CAPTURE(BM_Lpm, v6, true);
-BENCHMARK_CAPTURE(BM_Walk, v4, false)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_Walk, v6, true)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_GetNext, v4, false)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_GetNext, v6, true)->Unit(benchmark::kMillisecond);
+void writeFull(int fd, const void* data, size_t n) {
+  const char* p = static_cast<const char*>(data);
+  while (n > 0) {
+    const ssize_t w = write(fd, p, n);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return;
+    p += w;
+    n -= size_t(w);
+  }
+}
+
+// Children still running when the parent leaves early are killed and reaped.
+struct Children {
+  std::vector<pid_t> pids;
+  std::vector<int> results;
+  ~Children() {
+    for (int& fd : results) closeFd(fd);
+    for (pid_t pid : pids) {
+      if (pid <= 0) continue;
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+  }
+};
+
+// Runs work(child, release) in `count` child processes; each calls release()
+// once set up, which blocks until every child is set up, so that the timed
+// parts start together.
+template <ChildResult T, class Work>
+std::vector<T> runProcesses(int count, Work&& work) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  int ready[2], start[2];
+  if (pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  if (pipe2(start, O_CLOEXEC) != 0) {
+    close(ready[0]);
+    close(ready[1]);
+    throw std::runtime_error("pipe failed");
+  }
+  Children children;
+  const pid_t parent = getpid();
+  for (int c = 0; c < count; ++c) {
+    int result[2];
+    if (pipe2(result, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    const pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error(fmt::format("fork failed: {}", std::strerror(errno)));
+    if (pid == 0) {
+      // A child outlives no parent: it would go on timing lookups for nobody.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(1);
+      close(ready[0]);
+      close(start[1]);
+      close(result[0]);
+      T out{};
+      try {
+        out = work(c, [&] {
+          const char byte = 1;
+          writeFull(ready[1], &byte, 1);
+          close(ready[1]);
+          char go;
+          (void)!read(start[0], &go, 1);  // EOF once the parent releases every child
+        });
+      } catch (const std::exception& e) {
+        std::snprintf(out.error, sizeof out.error, "%s", e.what());
+      }
+      writeFull(result[1], &out, sizeof out);
+      _exit(0);
+    }
+    close(result[1]);
+    children.pids.push_back(pid);
+    children.results.push_back(result[0]);
+  }
+  close(ready[1]);
+  close(start[0]);
+  char byte;
+  for (int c = 0; c < count && readFull(ready[0], &byte, 1); ++c) {}
+  close(ready[0]);
+  close(start[1]);  // releases the children together
+
+  std::vector<T> out(static_cast<size_t>(count));
+  for (size_t c = 0; c < out.size(); ++c) {
+    const bool reported = readFull(children.results[c], &out[c], sizeof(T));
+    closeFd(children.results[c]);
+    int status = 0;
+    waitpid(children.pids[c], &status, 0);
+    children.pids[c] = 0;
+    if (!reported)
+      throw std::runtime_error(
+          WIFSIGNALED(status) ? fmt::format("a child process was killed by signal {}", WTERMSIG(status))
+                              : fmt::format("a child process ended with status {} and no result", WEXITSTATUS(status)));
+    if (out[c].error[0]) throw std::runtime_error(fmt::format("child process: {}", out[c].error));
+  }
+  return out;
+}
+
+// runProcesses of reader processes that open the trie with trieReaderNew
+// before they are released, then run work(trie, child).
+template <ChildResult T, class Work>
+std::vector<T> runReaders(int count, const std::string& name, const MountOptions& options, Work&& work) {
+  return runProcesses<T>(count, [&](int child, auto&& release) {
+    Basis::Ptr<Trie> reader = trieReaderNew(name, options);
+    release();
+    return work(*reader, child);
+  });
+}
+
+// How much the machine itself gains from a second process: a register-only
+// loop in one and in two processes at once, the sum of their rates.
+double computeScaling() {
+  struct Spin {
+    double rate;
+    char error[64];
+  };
+  auto spins = [](int count) {
+    double sum = 0;
+    for (const Spin& s : runProcesses<Spin>(count, [](int, auto&& release) {
+           release();
+           U64 x = 1, n = 0;
+           const Clock::time_point start = Clock::now();
+           double elapsed = 0;
+           do {
+             for (int i = 0; i < 1000000; ++i) x = x * 6364136223846793005ull + 1442695040888963407ull;
+             n += 1000000;
+           } while ((elapsed = secondsSince(start)) < kRunSeconds / 2);
+           gSink = gSink + x;
+           return Spin{double(n) / elapsed, {}};
+         }))
+      sum += s.rate;
+    return sum;
+  };
+  const double one = spins(1);
+  return spins(2) / one;
+}
+
+// ---------------------------------------------------------------------------
+// The figures of one family.
+
+struct ReaderFigures {
+  double lpm = 0, longestMatch = 0, consistentLongestMatch = 0, batched = 0, consistentBatched = 0;
+  double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0;
+  U32 depthMedian = 0, depthP99 = 0, depthMax = 0;
+  U32 cachedLevels = 0;
+  U64 cachedRecords = 0, treeRecords = 0;
+  double missingPerLookup = 0;
+  U64 mismatches = 0;
+  char firstMismatch[160] = {};
+  double walkRate = 0, successorRate = 0;
+  U64 walked = 0, successorSteps = 0;
+  char error[256] = {};
+};
+
+struct RateFigures {
+  double oneAtATime = 0, batched = 0;
+  char error[256] = {};
+};
+
+struct Descent {
+  double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0, missingPerLookup = 0;
+  U32 depthMedian = 0, depthP99 = 0, depthMax = 0, cachedLevels = 0;
+  U64 cachedRecords = 0, treeRecords = 0, mismatches = 0;
+  std::string firstMismatch;
+};
+
+// Replays every query's descent, checks the replica against longestMatch
+// one at a time and batched, and applies the cache model: the levels from
+// the top whose records (cumulatively, kBytesPerRecord each) fit in the L3
+// count as cached, and reads of deeper records as misses.
+Descent descend(const Trie& t, const std::vector<IpGenPrefix>& queries, bool v6, size_t l3) {
+  DescentCounts counts;
+  Descent d;
+  std::vector<IpGenPrefix> batched(queries.size());
+  t.longestMatch(std::span<const IpGenPrefix>(queries), std::span<IpGenPrefix>(batched));
+  for (size_t i = 0; i < queries.size(); ++i) {
+    const IpGenPrefix& q = queries[i];
+    const IpGenPrefix replayed = v6 ? replayLongestMatch6(t, q.v6(), counts) : replayLongestMatch4(t, q.v4(), counts);
+    const IpGenPrefix library = t.longestMatch(q);
+    if (replayed != library || batched[i] != library) {
+      if (d.mismatches++ == 0)
+        d.firstMismatch = fmt::format("{}: replica {}, longestMatch {}, batched {}", q, replayed, library, batched[i]);
+    }
+  }
+  const double n = double(counts.lookups);
+  d.recordsPerLookup = double(counts.reads) / n;
+  d.neighboursPerLookup = double(counts.neighbourReads) / n;
+  double depthSum = 0;
+  U64 seen = 0;
+  for (size_t depth = 0; depth < counts.lookupsAtDepth.size(); ++depth) {
+    const U64 k = counts.lookupsAtDepth[depth];
+    if (k == 0) continue;
+    depthSum += double(depth) * double(k);
+    if (seen < counts.lookups / 2 && seen + k >= counts.lookups / 2) d.depthMedian = U32(depth);
+    if (seen < counts.lookups * 99 / 100 && seen + k >= counts.lookups * 99 / 100) d.depthP99 = U32(depth);
+    seen += k;
+    d.depthMax = U32(depth);
+  }
+  d.meanDepth = depthSum / n;
+
+  const std::vector<U64> levels = recordsByLevel(t, v6);
+  d.treeRecords = std::accumulate(levels.begin(), levels.end(), U64(0));
+  U64 cumulative = 0;
+  d.cachedLevels = 0;
+  for (size_t l = 0; l < levels.size(); ++l) {
+    if (double(cumulative + levels[l]) * kBytesPerRecord > double(l3)) break;
+    cumulative += levels[l];
+    d.cachedLevels = U32(l + 1);
+  }
+  d.cachedRecords = cumulative;
+  U64 missing = 0;
+  for (size_t l = d.cachedLevels; l < counts.readsAtLevel.size(); ++l) missing += counts.readsAtLevel[l];
+  d.missingPerLookup = double(missing) / n;
+  return d;
+}
+
+struct FamilyFigures {
+  size_t prefixes = 0;
+  U64 stored = 0;
+  double loadRate = 0, updateRate = 0;
+  U64 updates = 0;
+  double bytesPerPrefix = 0;
+  U64 occupancy = 0;  // records of the family's table after the updates
+  ReaderFigures reader;
+  RateFigures one, two;
+  double machineScaling = 0;  // measured beside them, for the cores other work leaves free
+  struct Size {
+    size_t prefixes;
+    double oneAtATime, batched, recordsPerLookup, meanDepth;
+  };
+  std::vector<Size> sizes;
+};
+
+struct Footprint {
+  double resident = 0;  // both tables
+  U64 ownRecords = 0;   // the family's table
+};
+Footprint footprint(const Trie& t, bool v6) {
+  Footprint f;
+  const Depot::Table* tables[2] = {&t.trieNodeMap().table(), &t.trieNode6Map().table()};
+  for (int i = 0; i < 2; ++i) {
+    const Depot::SharedTableStats s = dynamic_cast<const Depot::SharedTable&>(*tables[i]).stats();
+    f.resident += double(s.residentBytes);
+    if (i == int(v6)) f.ownRecords = s.occupancy;
+  }
+  return f;
+}
+
+// Loads the prefixes into a fresh trie named `name`; returns the writer and
+// the insert rate.
+std::pair<Basis::Ptr<Trie>, double> load(const std::string& name, const MountOptions& options,
+                                         const std::vector<IpGenPrefix>& prefixes) {
+  if (trieExists(name, options)) trieDrop(name, options);
+  Basis::Ptr<Trie> writer = trieWriterNew(name, options);
+  const Clock::time_point start = Clock::now();
+  for (const IpGenPrefix& p : prefixes) writer->prefixIs(p);
+  return {writer, double(prefixes.size()) / secondsSince(start)};
+}
+
+FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, const MountOptions& options, size_t l3) {
+  const char* family = v6 ? "IPv6" : "IPv4";
+  const std::string name = v6 ? "bench6" : "bench4";
+  FamilyFigures f;
+  f.prefixes = prefixes.size();
+
+  Basis::Ptr<Trie> writer;
+  for (int run = 1; run <= 3; ++run) {
+    progress("{}: load {} of 3...", family, run);
+    writer = nullptr;
+    auto [w, rate] = load(name, options, prefixes);
+    writer = w;
+    f.loadRate = std::max(f.loadRate, rate);
+  }
+  const Footprint fp = footprint(*writer, v6);
+  f.bytesPerPrefix = fp.resident / double(prefixes.size());
+
+  progress("{}: updates...", family);
+  {
+    std::vector<IpGenPrefix> chosen = randomSubset(prefixes, kUpdateCount);
+    const Clock::time_point start = Clock::now();
+    for (const IpGenPrefix& p : chosen) writer->prefixDel(p);
+    for (const IpGenPrefix& p : chosen) writer->prefixIs(p);
+    f.updates = 2 * chosen.size();
+    f.updateRate = double(f.updates) / secondsSince(start);
+  }
+  f.occupancy = footprint(*writer, v6).ownRecords;
+
+  const std::vector<IpGenPrefix> queries = randomQueries(prefixes, kQueryCount, kSeed);
+  progress("{}: one reader process...", family);
+  f.reader = runReaders<ReaderFigures>(1, name, options, [&](const Trie& t, int) {
+               ReaderFigures r;
+               // The descent replay touches every record first (breadth-first
+               // level count), so the timed runs below meet no page faults.
+               const Descent d = descend(t, queries, v6, l3);
+               r.recordsPerLookup = d.recordsPerLookup;
+               r.neighboursPerLookup = d.neighboursPerLookup;
+               r.meanDepth = d.meanDepth;
+               r.depthMedian = d.depthMedian;
+               r.depthP99 = d.depthP99;
+               r.depthMax = d.depthMax;
+               r.cachedLevels = d.cachedLevels;
+               r.cachedRecords = d.cachedRecords;
+               r.treeRecords = d.treeRecords;
+               r.missingPerLookup = d.missingPerLookup;
+               r.mismatches = d.mismatches;
+               std::snprintf(r.firstMismatch, sizeof r.firstMismatch, "%s", d.firstMismatch.c_str());
+
+               ConsistentReader consistent(t);
+               r.lpm = rateOneAtATime(queries, 0, [&](const IpGenPrefix& p) { return t.lpm(p); });
+               r.longestMatch = rateLongestMatch(t, queries, 0);
+               r.consistentLongestMatch =
+                   rateOneAtATime(queries, 0, [&](const IpGenPrefix& p) { return consistent.longestMatch(p); });
+               r.batched = rateLongestMatchBatched(t, queries, 0);
+               r.consistentBatched = rateBatched(queries, 0, [&](auto in, auto out) { consistent.longestMatch(in, out); });
+
+               const IpGenPrefix top = v6 ? IpGenPrefix(rootPrefix6) : IpGenPrefix(rootPrefix);
+               Clock::time_point start = Clock::now();
+               double elapsed = 0;
+               do {
+                 Basis::Ptr<CountingWalk> walk(new CountingWalk);
+                 t.preOrderWalk(walk, top);
+                 r.walked += walk->count;
+               } while ((elapsed = secondsSince(start)) < kRunSeconds / 2);
+               r.walkRate = double(r.walked) / elapsed;
+
+               start = Clock::now();
+               IpGenPrefix p = v6 ? IpGenPrefix(nullPrefix6) : IpGenPrefix(nullPrefix);
+               for (p = t.getNext(p); !p.isEmpty() && r.successorSteps < kSuccessorSteps; p = t.getNext(p))
+                 ++r.successorSteps;
+               r.successorRate = double(r.successorSteps) / secondsSince(start);
+               return r;
+             }).front();
+  // The walk delivers each stored prefix once.
+  {
+    Basis::Ptr<CountingWalk> walk(new CountingWalk);
+    writer->preOrderWalk(walk, v6 ? IpGenPrefix(rootPrefix6) : IpGenPrefix(rootPrefix));
+    f.stored = walk->count;
+  }
+
+  auto aggregate = [&](int readers) {
+    progress("{}: {} reader process{} at once...", family, readers, readers > 1 ? "es" : "");
+    RateFigures sum;
+    for (const RateFigures& r : runProcesses<RateFigures>(readers, [&](int child, auto&& release) {
+           Basis::Ptr<Trie> reader = trieReaderNew(name, options);
+           const Trie& t = *reader;
+           const U64 offset = U64(child) * (kQueryCount / 2);
+           // The mapping's page faults, before the timed runs.
+           for (size_t i = 0; i < kQueryCount / 4; ++i) gSink = gSink + t.longestMatch(queries[i]).len();
+           release();
+           RateFigures out;
+           out.oneAtATime = rateLongestMatch(t, queries, offset);
+           out.batched = rateLongestMatchBatched(t, queries, offset);
+           return out;
+         })) {
+      sum.oneAtATime += r.oneAtATime;
+      sum.batched += r.batched;
+    }
+    return sum;
+  };
+  f.one = aggregate(1);
+  f.two = aggregate(2);
+  f.machineScaling = computeScaling();
+  writer = nullptr;
+  trieDrop(name, options);
+
+  for (size_t n : {size_t(10000), size_t(100000)}) {
+    if (n >= prefixes.size()) continue;
+    progress("{}: {} prefixes...", family, n);
+    const std::vector<IpGenPrefix> subset = randomSubset(prefixes, n);
+    const std::string sizeName = fmt::format("{}-{}", name, n);
+    Basis::Ptr<Trie> w = load(sizeName, options, subset).first;
+    const std::vector<IpGenPrefix> subsetQueries = randomQueries(subset, kQueryCount, kSeed);
+    struct SizeFigures {
+      double oneAtATime, batched, recordsPerLookup, meanDepth;
+      char error[256];
+    };
+    const SizeFigures s = runReaders<SizeFigures>(1, sizeName, options, [&](const Trie& t, int) {
+                            SizeFigures out{};
+                            const Descent d = descend(t, subsetQueries, v6, l3);
+                            out.recordsPerLookup = d.recordsPerLookup;
+                            out.meanDepth = d.meanDepth;
+                            out.oneAtATime = rateLongestMatch(t, subsetQueries, 0);
+                            out.batched = rateLongestMatchBatched(t, subsetQueries, 0);
+                            return out;
+                          }).front();
+    f.sizes.push_back({n, s.oneAtATime, s.batched, s.recordsPerLookup, s.meanDepth});
+    w = nullptr;
+    trieDrop(sizeName, options);
+  }
+  f.sizes.push_back({prefixes.size(), f.reader.longestMatch, f.reader.batched, f.reader.recordsPerLookup,
+                     f.reader.meanDepth});
+  return f;
+}
+
+// ---------------------------------------------------------------------------
+// The table.
+
+std::string rate(double perSecond, const char* what = "/s") {
+  if (perSecond >= 1e6) return fmt::format("{:.2f} M{}", perSecond / 1e6, what);
+  if (perSecond >= 1e3) return fmt::format("{:.1f} K{}", perSecond / 1e3, what);
+  return fmt::format("{:.0f} {}", perSecond, what);
+}
+
+std::string count(U64 n) {
+  std::string digits = std::to_string(n), out;
+  for (size_t i = 0; i < digits.size(); ++i) {
+    if (i && (digits.size() - i) % 3 == 0) out += ',';
+    out += digits[i];
+  }
+  return out;
+}
+
+struct Cell {
+  std::string figure, target, verdict;
+};
+
+// A target a figure must reach (atLeast) or stay under.
+Cell judged(std::string figure, double value, double limit, bool atLeast, std::string target) {
+  const bool met = atLeast ? value >= limit : value <= limit;
+  return {std::move(figure), std::move(target), met ? "met" : "not met"};
+}
+Cell atLeast(double perSecond, double limit, const char* what = "/s") {
+  return judged(rate(perSecond, what), perSecond, limit, true, fmt::format("≥ {:g} M{}", limit / 1e6, what));
+}
+
+struct Row {
+  std::string label;
+  std::vector<Cell> cells;  // one per family, or one shared by both
+};
+
+size_t width(const std::string& s) {
+  // Display width: UTF-8 continuation bytes take no column.
+  return size_t(std::count_if(s.begin(), s.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+std::string padRight(const std::string& s, size_t w) { return s + std::string(w > width(s) ? w - width(s) : 0, ' '); }
+std::string padLeft(const std::string& s, size_t w) { return std::string(w > width(s) ? w - width(s) : 0, ' ') + s; }
+
+void printTable(const std::vector<Row>& rows, const std::vector<std::string>& families) {
+  size_t labelW = 0, figW = 6, targetW = 6, verdictW = 7;
+  for (const Row& r : rows) {
+    if (!r.cells.empty()) labelW = std::max(labelW, width(r.label));
+    for (const Cell& c : r.cells) {
+      if (r.cells.size() > 1 || !c.target.empty()) figW = std::max(figW, width(c.figure));
+      targetW = std::max(targetW, width(c.target));
+    }
+  }
+  std::string head = padRight("", labelW);
+  for (const std::string& f : families)
+    head += "   " + padLeft(f, figW) + "  " + padRight("target", targetW) + "  " + padRight("", verdictW);
+  while (!head.empty() && head.back() == ' ') head.pop_back();
+  fmt::print("{}\n", head);
+  for (const Row& r : rows) {
+    std::string line = padRight(r.label, labelW);
+    if (r.cells.empty()) {
+      fmt::print("{}\n", line);
+      continue;
+    }
+    if (r.cells.size() == 1 && r.cells[0].target.empty()) {
+      // A figure of the machine, shared by both families.
+      line += "   " + padLeft(r.cells[0].figure, figW);
+    } else {
+      for (const Cell& c : r.cells)
+        line += "   " + padLeft(c.figure, figW) + "  " + padRight(c.target, targetW) + "  " + padRight(c.verdict, verdictW);
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    fmt::print("{}\n", line);
+  }
+}
+
+int run() {
+  const Machine m = machine();
+  BenchRoot root;
+
+  progress("reading the sample tables...");
+  const std::vector<IpGenPrefix> v4 = routes("routes-v4.txt.xz");
+  const std::vector<IpGenPrefix> v6 = routes("routes-v6.txt.xz");
+  if (v4.empty() || v6.empty()) throw std::runtime_error("a sample table is empty");
+
+  progress("memory latency ({} MiB chase)...", kChaseBytes >> 20);
+  const Latency lat = memoryLatency(kChaseBytes);
+
+  const FamilyFigures f4 = benchFamily(false, v4, root.options, m.l3);
+  const FamilyFigures f6 = benchFamily(true, v6, root.options, m.l3);
+  const FamilyFigures* fam[2] = {&f4, &f6};
+
+  fmt::print("DepotTrie bench: {}, {} cores, L3 {} MiB ({}), {}; load average {} at the start\n", m.cpu, m.cores,
+             m.l3 >> 20, m.l3Source, today(), m.loadAverage);
+  fmt::print("IPv4 {} prefixes ({} stored), IPv6 {} prefixes ({} stored)\n"
+             "{} random queries per family, addresses inside stored prefixes (seed {}); "
+             "each lookup figure runs {:.0f} s in a reader process\n\n",
+             count(f4.prefixes), count(f4.stored), count(f6.prefixes), count(f6.stored), count(kQueryCount), kSeed,
+             kRunSeconds);
+
+  std::vector<Row> rows;
+  auto both = [&](std::string label, auto cellOf) {
+    rows.push_back({std::move(label), {cellOf(*fam[0], false), cellOf(*fam[1], true)}});
+  };
+  auto shared = [&](std::string label, std::string figure) { rows.push_back({std::move(label), {{figure, "", ""}}}); };
+  auto plain = [](std::string figure) { return Cell{std::move(figure), "", ""}; };
+  const auto section = [&](std::string label) { rows.push_back({std::move(label), {}}); };
+
+  section("memory latency (this run)");
+  shared(fmt::format("  dependent miss, {} MiB chase, 4 KiB pages", kChaseBytes >> 20),
+         fmt::format("{:.1f} ns", lat.dependentNs));
+  shared("  8 chases interleaved, per miss", fmt::format("{:.1f} ns", lat.interleavedNs));
+
+  section("lookups/s, one reader process");
+  both("  lpm", [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.lpm)); });
+  both("  longestMatch", [&](const FamilyFigures& f, bool six) {
+    return atLeast(f.reader.longestMatch, six ? 1e6 : 2e6);
+  });
+  both("  ConsistentReader::longestMatch",
+       [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.consistentLongestMatch)); });
+  both(fmt::format("  longestMatch, batches of {}", kBatch),
+       [&](const FamilyFigures& f, bool six) { return atLeast(f.reader.batched, six ? 4e6 : 8e6); });
+  both(fmt::format("  ConsistentReader::longestMatch, batches of {}", kBatch),
+       [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.consistentBatched)); });
+
+  section("records read per longestMatch (replayed descent)");
+  both("  node records read", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f}", f.reader.recordsPerLookup));
+  });
+  both("  of which x0 neighbours read beside an x1 child", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f}", f.reader.neighboursPerLookup));
+  });
+  both("  nodes on the path: mean / median / p99 / max", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f} / {} / {} / {}", f.reader.meanDepth, f.reader.depthMedian, f.reader.depthP99,
+                             f.reader.depthMax));
+  });
+
+  section(fmt::format("cache model: levels whose records × {:.0f} B fit in {} MiB L3 are cached", kBytesPerRecord,
+                      m.l3 >> 20));
+  both("  levels cached (records in them)", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{} ({})", f.reader.cachedLevels, count(f.reader.cachedRecords)));
+  });
+  both("  missing records per lookup", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f}", f.reader.missingPerLookup));
+  });
+  both(fmt::format("  dependent misses per lookup = missing × {:.0f}", kMissesPerRecord), [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f}", f.reader.missingPerLookup * kMissesPerRecord));
+  });
+  auto boundNs = [&](const FamilyFigures& f) { return f.reader.missingPerLookup * kMissesPerRecord * lat.dependentNs; };
+  both("  latency bound per lookup", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.0f} ns", boundNs(f)));
+  });
+  both("  measured per longestMatch", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.0f} ns", 1e9 / f.reader.longestMatch));
+  });
+  both("  measured / bound", [&](const FamilyFigures& f, bool) {
+    const double bound = boundNs(f);
+    if (bound <= 0) return Cell{"no misses", "≤ 1.3", "n/a"};
+    const double ratio = 1e9 / f.reader.longestMatch / bound;
+    return judged(fmt::format("{:.2f}", ratio), ratio, 1.3, false, "≤ 1.3");
+  });
+
+  section("writer, walk, successor, memory");
+  both("  load (whole file, fresh tables, best of 3)", [&](const FamilyFigures& f, bool six) {
+    return atLeast(f.loadRate, six ? 1.5e6 : 2e6, " prefixes/s");
+  });
+  both(fmt::format("  update (delete, re-insert {} prefixes)", count(kUpdateCount)),
+       [&](const FamilyFigures& f, bool) { return plain(rate(f.updateRate, " updates/s")); });
+  both("  walk (preOrderWalk)", [&](const FamilyFigures& f, bool) {
+    return atLeast(f.reader.walkRate, 15e6, " prefixes/s");
+  });
+  both(fmt::format("  successor (getNext chain, {} steps)", count(kSuccessorSteps)),
+       [&](const FamilyFigures& f, bool) { return atLeast(f.reader.successorRate, 1e6, " steps/s"); });
+  both("  shared memory per prefix (both tables)", [&](const FamilyFigures& f, bool six) {
+    const double limit = six ? 160 : 64;
+    return judged(fmt::format("{:.1f} B", f.bytesPerPrefix), f.bytesPerPrefix, limit, false,
+                  fmt::format("≤ {:.0f} B", limit));
+  });
+
+  section("longestMatch lookups/s, reader processes at once (sum)");
+  both("  one at a time, 1 reader", [&](const FamilyFigures& f, bool) { return plain(rate(f.one.oneAtATime)); });
+  both("  one at a time, 2 readers", [&](const FamilyFigures& f, bool) { return plain(rate(f.two.oneAtATime)); });
+  both("  scaling 2 / 1", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f}×", f.two.oneAtATime / f.one.oneAtATime));
+  });
+  both(fmt::format("  batches of {}, 1 reader", kBatch), [&](const FamilyFigures& f, bool) { return plain(rate(f.one.batched)); });
+  both(fmt::format("  batches of {}, 2 readers", kBatch), [&](const FamilyFigures& f, bool) { return plain(rate(f.two.batched)); });
+  both("  scaling 2 / 1", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f}×", f.two.batched / f.one.batched));
+  });
+  both("  the machine: register-only loop, 2 processes / 1", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f}×", f.machineScaling));
+  });
+
+  printTable(rows, {"IPv4", "IPv6"});
+
+  fmt::print("\nlongestMatch by table size (random subsets, one reader process)\n");
+  fmt::print("{:>10}  {:>13}  {:>12}  {:>9}  {:>11}\n", "prefixes", "one at a time", "batched", "records", "mean depth");
+  for (int i = 0; i < 2; ++i) {
+    fmt::print("{}\n", i ? "IPv6" : "IPv4");
+    for (const FamilyFigures::Size& s : fam[i]->sizes)
+      fmt::print("{:>10}  {:>13}  {:>12}  {:>9.2f}  {:>11.2f}\n", count(s.prefixes), rate(s.oneAtATime), rate(s.batched),
+                 s.recordsPerLookup, s.meanDepth);
+  }
+
+  // Anything that makes a figure above suspect.
+  std::vector<std::string> notes;
+  for (int i = 0; i < 2; ++i) {
+    const FamilyFigures& f = *fam[i];
+    const char* family = i ? "IPv6" : "IPv4";
+    if (f.reader.mismatches)
+      notes.push_back(fmt::format("{}: {} queries where the replayed descent, longestMatch and the batched "
+                                  "longestMatch disagree; first {}",
+                                  family, count(f.reader.mismatches), f.reader.firstMismatch));
+    if (f.reader.treeRecords != f.occupancy)
+      notes.push_back(fmt::format("{}: {} records reached from the top node, {} in the table", family,
+                                  count(f.reader.treeRecords), count(f.occupancy)));
+    if (f.reader.walked % f.stored != 0)
+      notes.push_back(fmt::format("{}: the reader's walks delivered {} prefixes, not a multiple of the {} stored",
+                                  family, count(f.reader.walked), count(f.stored)));
+  }
+  if (!notes.empty()) {
+    fmt::print("\nnotes\n");
+    for (const std::string& n : notes) fmt::print("  {}\n", n);
+  }
+  return 0;
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main() {
+  try {
+    return run();
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "depot_bench: {}\n", e.what());
+    return 1;
+  }
+}
