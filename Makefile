@@ -1,5 +1,5 @@
 # The two set-up commands of the README. Both install what is missing first.
-PKGS := cmake ninja-build g++ make libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev \
+PKGS := cmake ninja-build g++ make libfmt-dev libgtest-dev libgmock-dev \
         libcli11-dev liblzma-dev xz-utils pkgconf python3
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 BUILD := build
@@ -54,4 +54,4 @@ bench: deps
 	./$(BENCH_BUILD)/bench/depot_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)
