@@ -235,8 +235,10 @@ void Mapping::copySlots(const Mapping& from, U64 slots) {
                                                errnoText(n < 0 ? errno : ENOSPC)));
     done += U64(n);
   }
+  // The copied pages are in the file's memory, mapped into this process
+  // as the writer touches them: most of a large table's slots are not
+  // visited again before the next generation.
   reservedBytes_ = std::max(reservedBytes_, geometry_.slotsOffset + bytes);
-  populate(geometry_.slotsOffset, reservedBytes_);
 }
 
 // Maps reserved memory at once rather than a page fault at a time. Only an

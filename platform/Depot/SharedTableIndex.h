@@ -143,10 +143,12 @@ inline Spot locate(const Mapping& m, const Keys& keys, const U8* key, U64 hash, 
 // Clears the entry at position: a tombstone, or empty when that cuts no
 // probe sequence short. Keeps tombstones (the index's count) up to date.
 void deleteEntry(Mapping& m, U64 position, U64& tombstones);
-// Indexes the live slots below top of a new generation. A second record
-// under a key already indexed loses its slot, which dropped is told.
-// Returns the records kept.
-U64 buildIndex(Mapping& m, const Keys& keys, U64 top, U64 expected, const std::function<void(U64 slot)>& dropped);
+// Indexes the live slots below top of a new generation m, reading them from
+// `slots`: m itself, or the generation they were just copied from (whose
+// pages are mapped already). A second record under a key already indexed
+// loses its slot in m, which dropped is told. Returns the records kept.
+U64 buildIndex(Mapping& m, const Mapping& slots, const Keys& keys, U64 top, U64 expected,
+               const std::function<void(U64 slot)>& dropped);
 
 }  // namespace Depot::sharedfile
 #pragma GCC visibility pop

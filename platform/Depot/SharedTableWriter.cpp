@@ -32,7 +32,7 @@ SharedTableWriter::SharedTableWriter(const RecordLayout& layout, const TablePath
       undoRecord_(layout.recordSize) {
   counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
   tombstones_ = found.tombstones;
-  rescan(found.top);
+  rescan(found.top, *map_);
 }
 
 // Readers see the writer gone before the lock goes.
@@ -217,14 +217,15 @@ inline void SharedTableWriter::noteFreeSlot(U64 slot) noexcept {
   }
 }
 
-// Recomputes the writer's slot counts and free slots from the mapping.
-void SharedTableWriter::rescan(U64 top) {
+// Recomputes the writer's slot counts and free slots from the slots of
+// `from`: the mapping, or one that holds the same slots.
+void SharedTableWriter::rescan(U64 top, const Mapping& from) {
   highWater_ = top;
-  while (highWater_ > 0 && !(map_->seqWord(highWater_ - 1) & seqLive)) --highWater_;
+  while (highWater_ > 0 && !(from.seqWord(highWater_ - 1) & seqLive)) --highWater_;
   occupancy_ = 0;
   freeSlots_ = {};
   for (U64 s = 0; s < highWater_; ++s) {
-    if (map_->seqWord(s) & seqLive) ++occupancy_;
+    if (from.seqWord(s) & seqLive) ++occupancy_;
     else noteFreeSlot(s);
   }
   publishCounts();

@@ -85,7 +85,7 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   bool slotOf(const U8* key, U64 hash, U64& slot) const;
   U64 takeFreeSlot();
   void noteFreeSlot(U64 slot) noexcept;
-  void rescan(U64 top);
+  void rescan(U64 top, const Mapping& from);
 
   // Updates and recovery (SharedTableJournal.cpp).
   void recover(const Survey& found);
