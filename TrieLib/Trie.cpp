@@ -256,13 +256,15 @@ void Trie::handleParent(Kiln::Entity*) {
 
 // ---- Node storage ----
 
+// A change nobody watches is not built: an IPv6 key does not fit std::any's
+// inline storage, and the allocation would be most of the write's cost.
 void Trie::trieNodeNotify(const Addrkit::Prefix& key) {
-  publishChange(trieNodeId, key);
+  if (publisher()->changesHeard()) publishChange(trieNodeId, key);
   trieNodeNotifyCount_->inc();
 }
 
 void Trie::trieNode6Notify(const Addrkit::Ip6Prefix& key) {
-  publishChange(trieNode6Id, key);
+  if (publisher()->changesHeard()) publishChange(trieNode6Id, key);
   trieNode6NotifyCount_->inc();
 }
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -234,8 +235,10 @@ void Mapping::copySlots(const Mapping& from, U64 slots) {
                                                errnoText(n < 0 ? errno : ENOSPC)));
     done += U64(n);
   }
+  // The copied pages are in the file's memory, mapped into this process
+  // as the writer touches them: most of a large table's slots are not
+  // visited again before the next generation.
   reservedBytes_ = std::max(reservedBytes_, geometry_.slotsOffset + bytes);
-  populate(geometry_.slotsOffset, reservedBytes_);
 }
 
 // Maps reserved memory at once rather than a page fault at a time. Only an
@@ -254,15 +257,44 @@ U64 headerChecksum(const Header& h) {
   return sum;
 }
 
+namespace {
+
+constexpr U32 fnvPrime32 = 0x01000193u;
+// The prime to the powers 0..8: a zero byte leaves the sum only multiplied
+// by the prime, so a run of k of them is one multiplication by prime^k.
+constexpr std::array<U32, 9> fnvPowers32 = [] {
+  std::array<U32, 9> p{1};
+  for (size_t k = 1; k < p.size(); ++k) p[k] = p[k - 1] * fnvPrime32;
+  return p;
+}();
+
+// FNV-1a (32 bits) over the 8 bytes of w in memory order. Each byte costs
+// a multiplication that waits for the one before; the zero bytes at either
+// end of the word (most of a record's words are zero or end in zeros) cost
+// one between them.
+inline U32 fnvWord(U32 sum, U64 w) {
+  if (w == 0) return sum * fnvPowers32[8];
+  const U32 low = U32(std::countr_zero(w)) / 8, high = U32(std::countl_zero(w)) / 8;
+  sum *= fnvPowers32[low];
+  w >>= 8 * low;
+  for (U32 n = 8 - low - high; n > 0; --n, w >>= 8) sum = (sum ^ U32(w & 0xFF)) * fnvPrime32;
+  return sum * fnvPowers32[high];
+}
+
+}  // namespace
+
+// Byte for byte FNV-1a; the words only save the multiplications of zeros.
 U32 journalChecksum(U64 updateCounter, U32 entry, U32 flags, const U8* record, U32 recordSize) {
-  U32 sum = 0x811c9dc5u;
-  auto add = [&sum](const void* bytes, size_t n) {
-    for (size_t i = 0; i < n; ++i) sum = (sum ^ static_cast<const U8*>(bytes)[i]) * 0x01000193u;
-  };
-  add(&updateCounter, sizeof updateCounter);
-  add(&entry, sizeof entry);
-  add(&flags, sizeof flags);
-  add(record, recordSize);
+  static_assert(std::endian::native == std::endian::little);
+  U32 sum = fnvWord(0x811c9dc5u, updateCounter);
+  sum = fnvWord(sum, U64(entry) | U64(flags) << 32);
+  U32 at = 0;
+  for (; at + 8 <= recordSize; at += 8) {
+    U64 w;
+    std::memcpy(&w, record + at, 8);
+    sum = fnvWord(sum, w);
+  }
+  for (; at < recordSize; ++at) sum = (sum ^ record[at]) * fnvPrime32;
   return sum;
 }
 

@@ -173,7 +173,8 @@ class Mapping {
   // error here rather than a fault later.
   void reserveSlots(U64 slots);
   // Copies the slots below `slots` from another generation (through the
-  // file, which backs them with memory in the same pass).
+  // file, which backs them with memory in the same pass, without mapping
+  // them into this process).
   void copySlots(const Mapping& from, U64 slots);
 
  private:

@@ -78,13 +78,17 @@ void SharedTableWriter::rebuild(const Geometry& g) {
   // The table's own mode, whatever the options of the writer that reopened it say.
   auto next = Mapping::create(dir_, file, layout_, g, loadRelaxed(map_->header().minCapacity), gen, map_->mode());
   U64 kept = 0;
+  bool dropped = false;
   try {
     next->copySlots(*map_, top);
     // An update in progress may put records back below its own high-water
     // mark when it is undone.
     if (inBracket_) next->reserveSlots(updateHighWater_);
-    kept = buildIndex(*next, keys_, top, occupancy_, [this](U64 slot) {
+    // The slots are read where they are mapped already: the new
+    // generation's pages are mapped only as the writer comes to them.
+    kept = buildIndex(*next, *map_, keys_, top, occupancy_, [this, &dropped](U64 slot) {
       reportCorruption(fmt::format("dropped slot {}, a second record under the key of another", slot));
+      dropped = true;
     });
   } catch (...) {
     unlinkat(dir_.fd(), file.c_str(), 0);
@@ -102,9 +106,10 @@ void SharedTableWriter::rebuild(const Geometry& g) {
     unlinkat(dir_.fd(), file.c_str(), 0);
     throw SharedFileException(fmt::format("cannot put generation {} in place of {}: {}", gen, path_, std::strerror(err)));
   }
-  map_ = std::move(next);
+  const std::unique_ptr<Mapping> old = std::exchange(map_, std::move(next));
   tombstones_ = 0;
-  rescan(top);
+  // The old generation holds the same slots, unless the index dropped one.
+  rescan(top, dropped ? *map_ : *old);
 }
 
 }  // namespace Depot::sharedfile

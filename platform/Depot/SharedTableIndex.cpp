@@ -65,14 +65,15 @@ void deleteEntry(Mapping& m, U64 position, U64& tombstones) {
 
 // The entries go in the order of their home entries, so that the index fills
 // from front to back.
-U64 buildIndex(Mapping& m, const Keys& keys, U64 top, U64 expected, const std::function<void(U64 slot)>& dropped) {
+U64 buildIndex(Mapping& m, const Mapping& slots, const Keys& keys, U64 top, U64 expected,
+               const std::function<void(U64 slot)>& dropped) {
   const Geometry& g = m.geometry();
   if (injectedFailure(ENOMEM)) throw std::bad_alloc();
   std::vector<U64> items;
   items.reserve(expected);
   for (U64 s = 0; s < top; ++s) {
-    if (!(m.seqWord(s) & seqLive)) continue;
-    const U64 hash = keys.hash(keys.of(m.slot(s)));
+    if (!(slots.seqWord(s) & seqLive)) continue;
+    const U64 hash = keys.hash(keys.of(slots.slot(s)));
     items.push_back(homeEntry(hash, g.indexEntries) << 32 | entryFor(g, hash, s));
   }
   sortByHome(items, g.indexEntries);
@@ -86,7 +87,7 @@ U64 buildIndex(Mapping& m, const Keys& keys, U64 top, U64 expected, const std::f
     bool again = false;
     for (size_t j = i; j-- > 0 && items[j] >> 32 == home && !again;)
       again = U32(items[j]) >> g.slotBits == entry >> g.slotBits &&
-              keys.same(keys.of(m.slot((U32(items[j]) & slotMask) - 1)), keys.of(m.slot(slot)));
+              keys.same(keys.of(slots.slot((U32(items[j]) & slotMask) - 1)), keys.of(slots.slot(slot)));
     if (again) {
       m.seqWord(slot) &= ~seqLive;
       dropped(slot);

@@ -32,7 +32,7 @@ SharedTableWriter::SharedTableWriter(const RecordLayout& layout, const TablePath
       undoRecord_(layout.recordSize) {
   counter_ = loadRelaxed(map_->header().updateCounter) & ~U64(1);
   tombstones_ = found.tombstones;
-  rescan(found.top);
+  rescan(found.top, *map_);
 }
 
 // Readers see the writer gone before the lock goes.
@@ -41,7 +41,7 @@ SharedTableWriter::~SharedTableWriter() { map_->writerIs({}); }
 // Nobody else changes the table: no sequence words to check.
 bool SharedTableWriter::find(const U8* key, U8* out) const {
   U64 slot;
-  if (!slotOf(key, keys_.hash(key), slot)) return false;
+  if (!slotOf(key, slot)) return false;
   std::memcpy(out, map_->slot(slot), layout_.recordSize);
   return true;
 }
@@ -59,17 +59,16 @@ bool SharedTableWriter::iterFrom(const U8* key, U64& hint, U8* out) const {
 template <class Change>
 auto SharedTableWriter::asUpdate(Change&& change) {
   refuseIfBroken();
+  if (inBracket_) return change();  // the bracket's end closes it
   struct Closer {
     SharedTableWriter& w;
-    bool open;
     int uncaught = std::uncaught_exceptions();
     ~Closer() {
-      if (!open) return;
       if (std::uncaught_exceptions() > uncaught) w.updateAbort();
       else w.updateEnd();
     }
-  } closer{*this, !inBracket_};
-  if (closer.open) updateBegin();
+  } closer{*this};
+  updateBegin();
   return change();
 }
 
@@ -81,11 +80,13 @@ bool SharedTableWriter::remove(const U8* key, U8* removed) { return asUpdate([&]
 // memory fails before this change has touched the table.
 void SharedTableWriter::put(const U8* record) {
   const U8* key = keys_.of(record);
-  const U64 hash = keys_.hash(key);
+  const U64 quick = keys_.quickHash(key);
+  U64 hash = 0;
   Spot s{true, 0, 0};
-  if (!recentSlot(key, hash, s.slot)) {
+  if (!recentSlot(key, quick, s.slot)) {
+    hash = keys_.hash(key);
     s = spotOf(key, hash);
-    if (s.found) recentSlotIs(hash, s.slot);
+    if (s.found) recentSlotIs(quick, s.slot);
   }
   if (s.found) {
     journal(key, map_->slot(s.slot));
@@ -110,7 +111,7 @@ void SharedTableWriter::put(const U8* record) {
     storeOrder();
   }
   writeSlot(slot, record);
-  recentSlotIs(hash, slot);
+  recentSlotIs(quick, slot);
   U32& entry = map_->indexEntry(s.position);
   tombstones_ -= loadRelaxed(entry) != 0;
   storeRelease(entry, entryFor(map_->geometry(), hash, slot));
@@ -173,11 +174,12 @@ inline void SharedTableWriter::writeSlot(U64 slot, const U8* record) {
   storeRelease(p[n - 1], nextSeq((old & ~0xFFu) | (words[n - 1] & 0xFFu), seqLive));
 }
 
-// The slot of a key the writer met lately, from a small cache by hash:
-// slot + 1 with the hash's high half as a tag, so that a key missing from
-// the cache rarely costs a look at a slot. A cached slot counts only while
-// it still holds the key, so the cache needs no upkeep: slots keep their
-// numbers in every generation.
+// The slot of a key the writer met lately, from a small cache by the key's
+// quick hash: slot + 1 with the hash's high half as a tag, so that a key
+// missing from the cache rarely costs a look at a slot. A cached slot
+// counts only while it still holds the key, so the cache needs no upkeep:
+// slots keep their numbers in every generation. Only a miss computes the
+// index's hash.
 inline bool SharedTableWriter::recentSlot(const U8* key, U64 hash, U64& slot) const {
   const U64 cached = recent_[hash % recentSize];
   if (cached >> 32 != hash >> 32 || U32(cached) == 0 || U32(cached) > highWater_) return false;
@@ -185,11 +187,12 @@ inline bool SharedTableWriter::recentSlot(const U8* key, U64 hash, U64& slot) co
   return (map_->seqWord(slot) & seqLive) && keys_.same(keys_.of(map_->slot(slot)), key);
 }
 
-inline bool SharedTableWriter::slotOf(const U8* key, U64 hash, U64& slot) const {
-  if (recentSlot(key, hash, slot)) return true;
-  const Spot s = spotOf(key, hash);
+inline bool SharedTableWriter::slotOf(const U8* key, U64& slot) const {
+  const U64 quick = keys_.quickHash(key);
+  if (recentSlot(key, quick, slot)) return true;
+  const Spot s = spotOf(key, keys_.hash(key));
   if (!s.found) return false;
-  recentSlotIs(hash, s.slot);
+  recentSlotIs(quick, s.slot);
   slot = s.slot;
   return true;
 }
@@ -217,14 +220,15 @@ inline void SharedTableWriter::noteFreeSlot(U64 slot) noexcept {
   }
 }
 
-// Recomputes the writer's slot counts and free slots from the mapping.
-void SharedTableWriter::rescan(U64 top) {
+// Recomputes the writer's slot counts and free slots from the slots of
+// `from`: the mapping, or one that holds the same slots.
+void SharedTableWriter::rescan(U64 top, const Mapping& from) {
   highWater_ = top;
-  while (highWater_ > 0 && !(map_->seqWord(highWater_ - 1) & seqLive)) --highWater_;
+  while (highWater_ > 0 && !(from.seqWord(highWater_ - 1) & seqLive)) --highWater_;
   occupancy_ = 0;
   freeSlots_ = {};
   for (U64 s = 0; s < highWater_; ++s) {
-    if (map_->seqWord(s) & seqLive) ++occupancy_;
+    if (from.seqWord(s) & seqLive) ++occupancy_;
     else noteFreeSlot(s);
   }
   publishCounts();

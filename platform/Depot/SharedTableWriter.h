@@ -82,10 +82,10 @@ class SharedTableWriter final : public SharedTableBase<SharedTableWriter> {
   void writeSlot(U64 slot, const U8* record);
   bool recentSlot(const U8* key, U64 hash, U64& slot) const;
   void recentSlotIs(U64 hash, U64 slot) const { recent_[hash % recentSize] = (hash >> 32 << 32) | (slot + 1); }
-  bool slotOf(const U8* key, U64 hash, U64& slot) const;
+  bool slotOf(const U8* key, U64& slot) const;
   U64 takeFreeSlot();
   void noteFreeSlot(U64 slot) noexcept;
-  void rescan(U64 top);
+  void rescan(U64 top, const Mapping& from);
 
   // Updates and recovery (SharedTableJournal.cpp).
   void recover(const Survey& found);

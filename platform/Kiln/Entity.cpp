@@ -21,11 +21,21 @@ void Publisher::subscribe(Notifiee* n) {
   if (contains(subs_, n)) return;
   subs_.push_back(n);
   if (n->changeSubscriber()) everSubscribed_ = true;
+  countChangeSubscribers();
 }
 
 void Publisher::unsubscribe(Notifiee* n) {
   auto it = std::find(subs_.begin(), subs_.end(), n);
-  if (it != subs_.end()) subs_.erase(it);
+  if (it == subs_.end()) return;
+  subs_.erase(it);
+  countChangeSubscribers();
+}
+
+// Counted afresh from the notifiees still subscribed (never from the one
+// leaving, which may be half destroyed).
+void Publisher::countChangeSubscribers() {
+  changeSubscribers_ =
+      size_t(std::count_if(subs_.begin(), subs_.end(), [](const Notifiee* s) { return s->changeSubscriber(); }));
 }
 
 // Delivery walks a copy of the list, so notifiees may subscribe or

@@ -39,6 +39,10 @@ class Publisher : public Basis::NotifierBase {
   // True while no change subscriber has ever subscribed.
   bool initialState() const { return !everSubscribed_; }
   size_t subscriberCount() const { return subs_.size(); }
+  // Whether a change published now reaches a notifiee that watches changes.
+  // With none subscribed, a caller may skip building the change (the value
+  // it would carry) altogether.
+  bool changesHeard() const { return changeSubscribers_ != 0; }
   // Delivers to every active subscriber; subscribers may unsubscribe
   // themselves (or others) while being notified.
   void publish(const Change& c) const;
@@ -47,7 +51,9 @@ class Publisher : public Basis::NotifierBase {
  private:
   template <class F>
   void forEachActive(F&& deliver) const;
+  void countChangeSubscribers();
   std::vector<Notifiee*> subs_;
+  size_t changeSubscribers_ = 0;
   bool everSubscribed_ = false;
 };
 

@@ -140,8 +140,7 @@ TEST_F(Hostile, AReopeningWriterRecountsTheHeaderAndRefusesAJournalItCannotTrust
   std::map<U32, U32> model;
   for (U32 k = 1; k <= 60; ++k) put(*w, k, 1), model[k] = 1;
   for (U32 k = 2; k <= 60; k += 7) drop(*w, k), model.erase(k);
-  const Depot::SharedTableStats sound = (w->stats()); w.reset();
-  auto m = damageable(path);
+  const Depot::SharedTableStats sound = (w->stats()); w.reset(); auto m = damageable(path);
   std::tie(m->header().highWater, m->header().occupancy, m->header().tombstones, m->header().journalCount) = std::tuple(0, 7, 999, 5);
   EXPECT_THAT(Depot::sharedTableProblems(node4, path), testing::ElementsAre(fmt::format(
                   "{}: high-water mark 0 is below slot {}, which is in use; its next writer repairs it", path, sound.highWater - 1)));
@@ -156,7 +155,8 @@ TEST_F(Hostile, AReopeningWriterRecountsTheHeaderAndRefusesAJournalItCannotTrust
     for (U32 i = 0; i < entries.size(); ++i)
       std::memcpy(m->journalRecord(i), entries[i].second.data(), node4.recordSize), m->journalFlags(i) = entries[i].first,
       m->journalCheck(i) = Depot::sharedfile::journalChecksum(m->header().updateCounter, i, entries[i].first, entries[i].second.data(), node4.recordSize);
-  };
+  };  // FNV-1a byte by byte, as every reader and later writer of a file checks it
+  EXPECT_EQ(Depot::sharedfile::journalChecksum(0x10003, 5, 1, recordOf(node4, 70, 1).data(), node4.recordSize), 0xfb21815eu);
   for (const auto& [damage, says] : std::vector<std::pair<std::function<void()>, std::string>>{
            {[&] { journal({}), m->header().journalCount = 1; }, "0 of 1 (checksum mismatch)"},  // the last update's entry
            {[&] { journal({{2, recordOf(node4, 70, 1)}}); }, "0 of 1 (unknown flags 0x2)"},
