@@ -21,6 +21,7 @@
 
 #include <array>
 
+#include "TrieLib/TopOfTrie.h"
 #include "TrieLib/TrieFamily.h"
 
 namespace Routing::Lattice {
@@ -42,7 +43,10 @@ class Descent4 {
   static constexpr Addrkit::AddressFamily af = Addrkit::AddressFamily::ipv4;
   static Key keyOf(const Addrkit::IpGenPrefix& p) { return p.v4(); }
 
-  void start(const Trie* trie, const Key& query) {
+  // The node of length 14 or less decide by the first 16 bits.
+  static constexpr U32 topBits = 16;
+
+  void start(const Trie* trie, const Key& query, std::vector<TopEntry<Key>>* top) {
     trie_ = trie;
     map_ = &trie->trieNodeMap();
     query_ = query;
@@ -50,6 +54,11 @@ class Descent4 {
     down_ = true;
     depth_ = 0;
     neighbours_ = 0;
+    filling_ = nullptr;
+    if (top && query.len() >= topBits) {
+      const U32 lead = query.addrHost() >> (32 - topBits);
+      if (fromTop(map_->updateCounter(), (*top)[lead], lead)) return;
+    }
     next_ = trie->trieNode(rootPrefix).root();
     if (next_ == nullPrefix) finishDown();
   }
@@ -83,6 +92,7 @@ class Descent4 {
 
   void visit(const TrieNode& n) {
     const U32 len = n.key().len();
+    if (filling_ && len + 2 > topBits) fill(n.key());
     const U32 c = commonPrefixLen(n.key(), query_, std::min(len, query_.len()));
     U32 bits = blackUpTo(n.black(), c);
     // 0.0.0.0/32 cannot be stored as a route: its bit on that key is the default route.
@@ -101,6 +111,7 @@ class Descent4 {
   // improve it, the deepest first; they are read once the descent is over,
   // and most lookups read none.
   void finishDown() {
+    if (filling_) fill(nullPrefix);
     down_ = false;
     nextNeighbour();
   }
@@ -118,8 +129,56 @@ class Descent4 {
     }
   }
 
+  // Starts from the entry of the query's leading bits when it holds for the
+  // table as it is; else the descent fills it on its way.
+  bool fromTop(U64 counter, TopEntry<Key>& e, U32 lead) {
+    if (counter & 1) return false;
+    if (e.stamp != counter + 1) {
+      filling_ = &e;
+      fillingCounter_ = counter;
+      fillingLead_ = lead;
+      return false;
+    }
+    found_ = e.found;
+    if (found_) {
+      bestAddr_ = e.best.addrHost();
+      bestLen_ = e.best.len();
+    }
+    depth_ = e.depth;
+    next_ = e.start;
+    if (e.ended) finishDown();
+    return true;
+  }
+  // The state before the first node whose decisions need more than the
+  // leading bits (nullPrefix: the descent ended above it), with the
+  // neighbours met so far read now: they are shorter than anything below.
+  void fill(const Key& start) {
+    TopEntry<Key>& e = *filling_;
+    filling_ = nullptr;
+    for (; neighbours_ > 0; --neighbours_) {
+      const Neighbour& nb = neighbour_[neighbours_ - 1];
+      if (found_ && nb.len <= bestLen_) break;
+      if (const std::optional<TrieNode> n = map_->find(nb.key); n && hasBlack(*n, nb.len)) {
+        consider(nb.key, nb.len);
+        break;
+      }
+    }
+    neighbours_ = 0;
+    if (map_->updateCounter() != fillingCounter_) return;
+    e.lead = fillingLead_;
+    e.start = start;
+    e.ended = start == nullPrefix;
+    e.found = found_;
+    if (found_) e.best = Key::masked(bestAddr_, bestLen_);
+    e.depth = U8(e.ended ? depth_ : depth_ - 1);
+    e.stamp = fillingCounter_ + 1;
+  }
+
   const Trie* trie_ = nullptr;
   const Trie::TrieNodeMap* map_ = nullptr;
+  TopEntry<Key>* filling_ = nullptr;
+  U64 fillingCounter_ = 0;
+  U32 fillingLead_ = 0;
   Key query_;
   Key next_;
   bool down_ = true;
@@ -137,13 +196,24 @@ class Descent6 {
   static constexpr Addrkit::AddressFamily af = Addrkit::AddressFamily::ipv6;
   static Key keyOf(const Addrkit::IpGenPrefix& p) { return p.v6(); }
 
-  void start(const Trie* trie, const Key& query) {
+  // Nodes shorter than 32 decide by the first 32 bits; their entries are
+  // shared by hash and tell by the bits which query they are for.
+  static constexpr U32 topBits = 32;
+
+  void start(const Trie* trie, const Key& query, std::vector<TopEntry<Key>>* top) {
     trie_ = trie;
     map_ = &trie->trieNode6Map();
     query_ = query;
     found_ = false;
     depth_ = 0;
+    filling_ = nullptr;
+    if (top && query.len() >= topBits) {
+      const U32 lead = query.word(0);
+      TopEntry<Key>& e = (*top)[U32(lead * 0x9E3779B1u) >> 16];
+      if (fromTop(map_->updateCounter(), e, lead)) return;
+    }
     next_ = trie->trieNode6(rootPrefix6).leftChild();
+    if (next_ == nullPrefix6) end();
   }
   bool done() const { return next_ == nullPrefix6; }
   void prefetch() const { map_->table().prefetch(bytesOf(next_)); }
@@ -152,16 +222,18 @@ class Descent6 {
     if (depth_++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
     std::optional<TrieNode6> found = map_->find(next_);
     next_ = nullPrefix6;
-    if (!found) return;
+    if (!found) return end();
     TrieNode6& n = *found;
     const U32 len = n.key().len();
+    if (filling_ && len + 1 > topBits) fill(n.key());
     const U32 c = commonPrefixLen6(n.key(), query_, std::min(len, query_.len()));
     if (U32 m = c ? prevBlack6(n, c) : 0) {
       best_ = Key::masked(n.key().address(), m);
       found_ = true;
     }
-    if (c < len || c == query_.len()) return;
+    if (c < len || c == query_.len()) return end();
     next_ = query_.address().bit(len) ? n.rightChild() : n.leftChild();
+    if (next_ == nullPrefix6) end();
   }
   Addrkit::IpGenPrefix answer() const {
     if (found_) return best_;
@@ -170,8 +242,43 @@ class Descent6 {
   }
 
  private:
+  bool fromTop(U64 counter, TopEntry<Key>& e, U32 lead) {
+    if (counter & 1) return false;
+    if (e.stamp != counter + 1 || e.lead != lead) {
+      filling_ = &e;
+      fillingCounter_ = counter;
+      fillingLead_ = lead;
+      return false;
+    }
+    found_ = e.found;
+    best_ = e.best;
+    depth_ = e.depth;
+    next_ = e.ended ? nullPrefix6 : e.start;
+    return true;
+  }
+  void end() {
+    if (filling_) fill(nullPrefix6);
+  }
+  // The state before the first node longer than the leading bits
+  // (nullPrefix6: the descent ended above it).
+  void fill(const Key& start) {
+    TopEntry<Key>& e = *filling_;
+    filling_ = nullptr;
+    if (map_->updateCounter() != fillingCounter_) return;
+    e.lead = fillingLead_;
+    e.start = start;
+    e.ended = start == nullPrefix6;
+    e.found = found_;
+    e.best = best_;
+    e.depth = U8(e.ended ? depth_ : depth_ - 1);
+    e.stamp = fillingCounter_ + 1;
+  }
+
   const Trie* trie_ = nullptr;
   const Trie::TrieNode6Map* map_ = nullptr;
+  TopEntry<Key>* filling_ = nullptr;
+  U64 fillingCounter_ = 0;
+  U32 fillingLead_ = 0;
   Key query_;
   Key next_;
   Key best_;
@@ -182,9 +289,10 @@ class Descent6 {
 // One query: each read depends on the one before, so there is nothing to
 // fetch ahead.
 template <class D>
-Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query) {
+Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
+                              std::vector<TopEntry<typename D::Key>>* top) {
   D d;
-  d.start(trie, query);
+  d.start(trie, query, top);
   while (!d.done()) d.advance();
   return d.answer();
 }
@@ -194,7 +302,7 @@ Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query) {
 // records, read and move down), and a finished lane takes the next query.
 template <class D>
 void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
-               std::span<Addrkit::IpGenPrefix> answers) {
+               std::span<Addrkit::IpGenPrefix> answers, std::vector<TopEntry<typename D::Key>>* top) {
   constexpr size_t lanes = 16;
   std::array<D, lanes> lane;
   std::array<size_t, lanes> owner;
@@ -205,7 +313,7 @@ void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
     while (next < queries.size() && queries[next].af() != D::af) ++next;
     if (next == queries.size()) return false;
     owner[l] = next;
-    lane[l].start(trie, D::keyOf(queries[next]));
+    lane[l].start(trie, D::keyOf(queries[next]), top);
     stage[l] = 0;
     ++next;
     return true;
@@ -242,10 +350,15 @@ void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
 
 }  // namespace
 
+Trie::TopOfTrie& Trie::topOfTrie() const {
+  if (!topOfTrie_) topOfTrie_ = std::make_unique<TopOfTrie>();
+  return *topOfTrie_;
+}
+
 Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) const {
   switch (prefix.af()) {
-    case Addrkit::AddressFamily::ipv4: return matchOne<Descent4>(this, prefix.v4());
-    case Addrkit::AddressFamily::ipv6: return matchOne<Descent6>(this, prefix.v6());
+    case Addrkit::AddressFamily::ipv4: return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_));
+    case Addrkit::AddressFamily::ipv6: return matchOne<Descent6>(this, prefix.v6(), topOfTrie().v6.of(trieNode6_));
     default: return {};
   }
 }
@@ -253,10 +366,14 @@ Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) cons
 void Trie::longestMatch(std::span<const Addrkit::IpGenPrefix> queries, std::span<Addrkit::IpGenPrefix> answers) const {
   if (answers.size() < queries.size())
     throw Basis::RangeException(fmt::format("longestMatch: {} answers for {} queries", answers.size(), queries.size()));
-  for (size_t i = 0; i < queries.size(); ++i)
+  bool v4 = false, v6 = false;
+  for (size_t i = 0; i < queries.size(); ++i) {
+    v4 |= queries[i].af() == Addrkit::AddressFamily::ipv4;
+    v6 |= queries[i].af() == Addrkit::AddressFamily::ipv6;
     if (queries[i].af() == Addrkit::AddressFamily::none) answers[i] = {};
-  matchMany<Descent4>(this, queries, answers);
-  matchMany<Descent6>(this, queries, answers);
+  }
+  if (v4) matchMany<Descent4>(this, queries, answers, topOfTrie().v4.of(trieNode_));
+  if (v6) matchMany<Descent6>(this, queries, answers, topOfTrie().v6.of(trieNode6_));
 }
 
 }  // namespace Routing::Lattice

@@ -5,6 +5,7 @@
 #include "KilnDepot/CollectionControl.h"
 #include "Ringlog/Ringlog.h"
 #include "TrieLib/DepotTrie.h"
+#include "TrieLib/TopOfTrie.h"
 #include "TrieLib/TrieFamilyOps.h"
 
 namespace Routing::Lattice {

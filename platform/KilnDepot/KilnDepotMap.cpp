@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
+
 #include "Basis/Assert.h"
 
 namespace KilnDepot {
@@ -27,7 +29,13 @@ void CollectionBinding::setUp(const Kiln::Entity& owner, CollectionControl* cont
   localWriterNew();
 }
 
+// Serials are unique in the process, so no two tables ever share one.
+namespace {
+std::atomic<U64> lastTableSerial{0};
+}
+
 void CollectionBinding::localWriterNew() {
+  tableSerial_ = ++lastTableSerial;
   try {
     table_ = Depot::temporaryTableNew(layout_, name_, localEntries);
   } catch (const Basis::Exception&) {
@@ -54,7 +62,10 @@ void CollectionBinding::handleParent(const Kiln::Entity& owner) {
   }
 }
 
-void CollectionBinding::tableIs(std::unique_ptr<Depot::Table> t) { table_ = std::move(t); }
+void CollectionBinding::tableIs(std::unique_ptr<Depot::Table> t) {
+  table_ = std::move(t);
+  tableSerial_ = ++lastTableSerial;
+}
 
 bool CollectionBinding::get(const U8* key, U8* out) const {
   try {

@@ -72,6 +72,9 @@ class CollectionBinding {
   void updateEnd();
   void updateAbort();
   U64 updateCounter() const { return table_->updateCounter(); }
+  // Changes whenever another table takes the binding's place (mounting, a
+  // new parent), whose update counter says nothing of the one before.
+  U64 tableSerial() const { return tableSerial_; }
 
   void notifyKey(const U8* key) const;
   void notifyQuiesced(bool quiesced) const;
@@ -90,6 +93,7 @@ class CollectionBinding {
   std::vector<U8> scratch_;
   Hooks hooks_;
   std::unique_ptr<Depot::Table> table_;
+  U64 tableSerial_ = 0;
   CollectionControl* control_ = nullptr;
   Basis::DebugHandler* debug_ = nullptr;
   double occupancySlack_ = 0.05;

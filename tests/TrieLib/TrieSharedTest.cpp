@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "Depot/FaultInjection.h"
+#include "KilnDepot/Mount.h"
 #include "TrieLib/ConsistentRead.h"
 #include "TrieLib/TrieCheck.h"
 #include "TrieLib/TrieMount.h"
@@ -73,6 +74,17 @@ TEST(TrieMount, AReaderFollowsTheWriterThroughGrowthAndCannotWrite) {
     EXPECT_THAT(e.what(), HasSubstr("already has a writer"));
   }
   EXPECT_THROW(trieDrop("T", root.options), Basis::Exception);
+  // A trie that answered from its local table answers from the shared one
+  // once mounted, even where both tables' update counters read the same.
+  auto local = trieFactory("T");
+  const IpGenPrefix host("10.1.2.3"), local8("10.0.0.0/8");
+  for (U32 k = 0; local->trieNodeMap().updateCounter() != writer->trieNodeMap().updateCounter(); ++k)
+    local->prefixIs(IpGenPrefix(fmt::format("192.0.{}.{}", k / 256 % 256, k % 256)));
+  local->prefixIs(local8), writer->prefixIs(local8), ref.insert(local8);
+  ASSERT_EQ(local->longestMatch(host), local8);
+  ASSERT_NE(reader->longestMatch(host), local8);
+  KilnDepot::mountReader(local->trieNodeMap(), root.options.root);
+  EXPECT_EQ(local->longestMatch(host), reader->longestMatch(host));
   writer = nullptr;
   auto restarted = trieWriterNew("T", root.options);
   EXPECT_EQ(stored(*restarted), stored(ref));
