@@ -195,8 +195,10 @@ Trie::~Trie() {
   trieNodeControl_.reset();
 }
 
+// A change nobody watches is not published: the successor search counts
+// every node it visits, and must not pay for a delivery to no one.
 void Trie::publishChange(Kiln::FieldId field, std::any value) const {
-  publisher()->publish(Kiln::Change{field, std::move(value)});
+  if (publisher()->changesHeard()) publisher()->publish(Kiln::Change{field, std::move(value)});
 }
 
 void Trie::afIs(Addrkit::AddressFamily af) {
@@ -214,7 +216,7 @@ void Trie::initializedIs(bool v) {
 void Trie::nodesVisitedCountIs(U32 n) const {
   if (n == nodesVisitedCount_) return;
   U32 old = std::exchange(nodesVisitedCount_, n);
-  publishChange(nodesVisitedCountId, old);
+  if (publisher()->changesHeard()) publishChange(nodesVisitedCountId, old);
 }
 
 U32 Trie::nodesVisitedCountInc(U32 n) const {
@@ -222,7 +224,7 @@ U32 Trie::nodesVisitedCountInc(U32 n) const {
   U32 sum = old + n;
   if (sum == old) return sum;
   nodesVisitedCount_ = sum;
-  publishChange(nodesVisitedCountId, old);
+  if (publisher()->changesHeard()) publishChange(nodesVisitedCountId, old);
   return sum;
 }
 
