@@ -28,8 +28,10 @@ std::string depotRoot() {
 
 Basis::Ptr<Trie> trieWriterNew(const Basis::String& name, const MountOptions& options) {
   Basis::Ptr<Trie> trie = trieFactory(name);
-  KilnDepot::mountWriter(trie->trieNodeMap(), options.root, options.mode);
-  KilnDepot::mountWriter(trie->trieNode6Map(), options.root, options.mode);
+  // A trie holds up to about two records per prefix (a node per prefix and
+  // the branching nodes between them).
+  KilnDepot::mountWriter(trie->trieNodeMap(), options.root, options.mode, options.ipv4Prefixes * 2);
+  KilnDepot::mountWriter(trie->trieNode6Map(), options.root, options.mode, options.ipv6Prefixes * 2);
   return trie;
 }
 

@@ -13,6 +13,11 @@ std::string depotRoot();
 struct MountOptions {
   std::string root = depotRoot();
   U32 mode = 0644;  // of a new trie's files (0640 group, 0600 owner only); an existing trie keeps its own
+  // Prefixes per family a new trie's tables have room for from the start
+  // (0: they start small and grow as needed, each growth a copy of the
+  // table); an existing trie keeps its tables.
+  U64 ipv4Prefixes = 0;
+  U64 ipv6Prefixes = 0;
 };
 
 // A trie whose collections are the shared tables NAME/trieNode and

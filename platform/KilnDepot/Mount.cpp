@@ -32,11 +32,11 @@ Depot::TablePath tableOf(const CollectionBinding& binding, const std::string& ro
 
 }  // namespace
 
-void mountWriter(CollectionBinding& binding, const std::string& root, U32 mode) {
+void mountWriter(CollectionBinding& binding, const std::string& root, U32 mode, U64 capacity) {
   try {
     const Depot::Table& local = binding.table();
     Depot::SharedTableOptions options;
-    options.capacity = std::max<U64>(options.capacity, local.occupancy() * 2);
+    options.capacity = std::max({options.capacity, local.occupancy() * 2, capacity});
     options.mode = mode;
     auto shared = Depot::SharedTable::writerNew(binding.layout(), tableOf(binding, root), options);
     std::vector<U8> record(binding.layout().recordSize), present(binding.layout().recordSize);

@@ -14,9 +14,11 @@ std::string collectionPath(const std::string& collectionName, const std::string&
 // Makes the binding the writer of its shared table: creates the table, or
 // reopens it when a writer restarts, copies in the records written locally
 // whose keys the table lacks, then replaces the binding's table and sets its
-// mount status to writer. Files get `mode`. On failure the binding keeps its
+// mount status to writer. Files get `mode`; a new table starts with room for
+// `capacity` records (at least twice the local ones), so that a load of a
+// known size does not grow it step by step. On failure the binding keeps its
 // table, its mount status becomes failed, and the exception propagates.
-void mountWriter(CollectionBinding& binding, const std::string& root, U32 mode = 0644);
+void mountWriter(CollectionBinding& binding, const std::string& root, U32 mode = 0644, U64 capacity = 0);
 // Maps the binding's existing shared table read-only in its place; mount
 // status reader. Records written locally are dropped.
 void mountReader(CollectionBinding& binding, const std::string& root);

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "Depot/FaultInjection.h"
+#include "Depot/SharedTable.h"
 #include "KilnDepot/Mount.h"
 #include "TrieLib/ConsistentRead.h"
 #include "TrieLib/TrieCheck.h"
@@ -62,6 +63,12 @@ TEST(TrieMount, AReaderFollowsTheWriterThroughGrowthAndCannotWrite) {
     }
   }
   EXPECT_GT(largest, firstCapacity);
+  // Sized up front, a trie takes a load of that size without growing.
+  root.options.ipv4Prefixes = root.options.ipv6Prefixes = ops.size();
+  auto sized = trieWriterNew("S", root.options);
+  for (const Op& op : ops) sized->prefixIs(op.prefix);
+  for (const Depot::Table* t : {&sized->trieNodeMap().table(), &sized->trieNode6Map().table()})
+    EXPECT_EQ(dynamic_cast<const Depot::SharedTable&>(*t).generation(), 1u);
   struct stat st;
   ASSERT_EQ(stat(root.file("T/trieNode6").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);  // every generation keeps the mode
