@@ -353,21 +353,36 @@ std::vector<IpGenPrefix> randomSubset(std::vector<IpGenPrefix> all, size_t n) {
 
 // ---------------------------------------------------------------------------
 // Records a longestMatch reads, counted by replaying its descent over the
-// public record reads: from the root record's top node, stop where the
-// common length with the query falls below the node's key length or reaches
-// the query's length; IPv4 descends by two bits into child(slot) and, for an
-// odd slot, also reads the neighbouring x0 child (which carries the prefix
-// one bit longer than the node). When nothing matched, the default route's
-// own record is read. The replica's answers are compared with the library's.
+// public record reads. The full descent goes from the root record's top node
+// and stops where the common length with the query falls below the node's
+// key length or reaches the query's length; IPv4 descends by two bits into
+// child(slot) and, for an odd slot, notes the neighbouring x0 child, which
+// carries the prefix one bit longer than the node.
+//
+// A reader process keeps, per leading 16 (IPv4) or 32 (IPv6) bits of a
+// query at least that long, where its last descent went on: the first node
+// whose key length + 2 exceeds 16 (IPv4), resp. + 1 exceeds 32 (IPv6), with
+// the longest match above it. A lookup whose entry holds starts there, so
+// the root record, the nodes above and the IPv4 neighbours noted above them
+// (read once, deepest first, by the descent that filled the entry) are not
+// read. A lookup whose entry is empty or held by other leading bits reads
+// them all and fills it. Either way the IPv4 neighbours noted from the start
+// down are read after the descent, deepest first, only while a neighbour is
+// longer than the longest match so far; the first one with its bit set ends
+// them. When nothing matched, the default route's own record is read.
+// The replica's answers are compared with the library's.
 
 // Record reads by tree level (0: the root record and the default route's
-// record, 1: the top node, ...) and lookups by nodes on their path.
+// record, 1: the top node, ...), lookups by nodes on their full path, and
+// what the top-of-trie start spares.
 struct DescentCounts {
   std::vector<U64> readsAtLevel;
   std::vector<U64> lookupsAtDepth;
   U64 lookups = 0;
   U64 reads = 0;
-  U64 neighbourReads = 0;  // IPv4 x0 records read beside an x1 child
+  U64 neighbourReads = 0;  // IPv4 x0 neighbour records read
+  U64 skipped = 0;         // path nodes above the start, not read
+  U64 fromTop = 0;         // lookups that descended from the top node and filled their entry
   void read(U32 level) {
     if (readsAtLevel.size() <= level) readsAtLevel.resize(level + 1);
     ++readsAtLevel[level];
@@ -378,6 +393,43 @@ struct DescentCounts {
     ++lookupsAtDepth[depth];
     ++lookups;
   }
+};
+
+// The leading bits of the top-of-trie start, and the node lengths it
+// passes: nodes whose branching the leading bits alone decide.
+constexpr U32 kTopBits4 = 16;
+constexpr U32 kTopBits6 = 32;
+bool aboveStart4(U32 len) { return len + 2 <= kTopBits4; }
+bool aboveStart6(U32 len) { return len + 1 <= kTopBits6; }
+
+// Which leading bits each of a reader's top-of-trie entries holds. IPv4 has
+// an entry per leading 16 bits; IPv6 shares its 2^16 entries by the same
+// hash of the leading 32 bits as the library, so two leads that meet in an
+// entry take it from each other. The bench's tables do not change while
+// they are read, so an entry once filled holds until another lead takes it.
+class TopModel {
+ public:
+  // Whether the query starts from its entry; a query that does not (and is
+  // long enough to have one) fills it.
+  bool starts(const IpGenPrefix& q) {
+    U32 lead = 0, slot = 0;
+    if (q.af() == Addrkit::AddressFamily::ipv4) {
+      if (q.len() < kTopBits4) return false;
+      lead = slot = q.v4().addrHost() >> (32 - kTopBits4);
+    } else {
+      if (q.len() < kTopBits6) return false;
+      lead = q.v6().word(0);
+      slot = U32(lead * 0x9E3779B1u) >> 16;
+    }
+    if (held_[slot] && lead_[slot] == lead) return true;
+    held_[slot] = true;
+    lead_[slot] = lead;
+    return false;
+  }
+
+ private:
+  std::vector<bool> held_ = std::vector<bool>(size_t(1) << 16);
+  std::vector<U32> lead_ = std::vector<U32>(size_t(1) << 16);
 };
 
 // The bits of lengths 1..n in a black word (length 1 is the top bit).
@@ -400,8 +452,13 @@ U32 commonLen6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b) {
   return limit;
 }
 
-IpGenPrefix replayLongestMatch4(const Trie& t, const Addrkit::Prefix& p, DescentCounts& counts) {
+IpGenPrefix replayLongestMatch4(const Trie& t, const Addrkit::Prefix& p, bool startsBelow, DescentCounts& counts) {
   static const TrieNode absent{prefix00};
+  struct Neighbour {
+    Addrkit::Prefix key;
+    U32 len, level;
+  };
+  std::vector<Neighbour> neighbours;
   bool found = false;
   U32 bestLen = 0, bestAddr = 0;
   auto consider = [&](const Addrkit::Prefix& key, U32 len) {
@@ -411,17 +468,52 @@ IpGenPrefix replayLongestMatch4(const Trie& t, const Addrkit::Prefix& p, Descent
       bestAddr = key.addrHost();
     }
   };
-  counts.read(0);
-  Addrkit::Prefix key = t.trieNode(rootPrefix).root();
+  // Until the start is reached, reads count only for a lookup that does not start there.
+  bool reading = !startsBelow;
+  const bool topApplies = p.len() >= kTopBits4;
+  bool started = !topApplies;
+  auto read = [&](U32 level) {
+    if (reading) counts.read(level);
+  };
+  // Reads the noted neighbours deepest first while one could lengthen the match.
+  auto readNeighbours = [&] {
+    while (!neighbours.empty() && (!found || neighbours.back().len > bestLen)) {
+      const Neighbour nb = neighbours.back();
+      neighbours.pop_back();
+      read(nb.level);
+      if (reading) ++counts.neighbourReads;
+      const TrieNode n = t.trieNode(nb.key);
+      if (!(n == absent) && (n.black() & blackBit(nb.len))) {
+        consider(nb.key, nb.len);
+        break;
+      }
+    }
+    neighbours.clear();
+  };
   U32 depth = 0;
+  // Where the lookup goes on from its entry: the neighbours above are settled
+  // by the descent that filled it.
+  auto start = [&] {
+    started = true;
+    const bool wasReading = reading;
+    readNeighbours();
+    reading = true;
+    if (!wasReading) counts.skipped += depth;
+  };
+  read(0);
+  Addrkit::Prefix key = t.trieNode(rootPrefix).root();
   while (key != nullPrefix) {
     if (depth > Trie::ipv4TrieMaxDepth())
       throw std::runtime_error(fmt::format("IPv4 descent for {} deeper than {} nodes", p, depth));
-    counts.read(depth + 1);
     const TrieNode n = t.trieNode(key);
-    if (n == absent) break;
-    ++depth;
+    if (n == absent) {
+      read(depth + 1);
+      break;
+    }
     const U32 len = n.key().len();
+    if (!started && !aboveStart4(len)) start();
+    read(depth + 1);
+    ++depth;
     const U32 c = commonLen4(n.key(), p);
     U32 bits = n.black() & lengthsUpTo(c);
     if (n.key() == prefix032) bits &= ~1u;  // that bit is the default route
@@ -430,17 +522,16 @@ IpGenPrefix replayLongestMatch4(const Trie& t, const Addrkit::Prefix& p, Descent
     const U32 slot = (p.addrHost() >> (30 - len)) & 3u;
     if (slot & 1u) {
       const Addrkit::Prefix sibling = n.child(slot & 2u);
-      if (sibling != nullPrefix) {
-        counts.read(depth + 1);
-        ++counts.neighbourReads;
-        if (t.trieNode(sibling).black() & blackBit(len + 1)) consider(sibling, len + 1);
-      }
+      if (sibling != nullPrefix) neighbours.push_back({sibling, len + 1, depth + 1});
     }
     key = n.child(slot);
   }
+  if (!started) start();
+  readNeighbours();
   counts.finish(depth);
+  counts.fromTop += topApplies && !startsBelow;
   if (found) return Addrkit::Prefix::masked(bestAddr, bestLen);
-  counts.read(0);
+  read(0);
   if (t.trieNode(prefix032).black() & 1u) return prefix00;
   return {};
 }
@@ -453,71 +544,103 @@ U32 longestBlackUpTo6(const TrieNode6& n, U32 c) {
   return 0;
 }
 
-IpGenPrefix replayLongestMatch6(const Trie& t, const Addrkit::Ip6Prefix& p, DescentCounts& counts) {
+IpGenPrefix replayLongestMatch6(const Trie& t, const Addrkit::Ip6Prefix& p, bool startsBelow, DescentCounts& counts) {
   static const TrieNode6 absent{prefix006};
   std::optional<Addrkit::Ip6Prefix> best;
-  counts.read(0);
-  Addrkit::Ip6Prefix key = t.trieNode6(rootPrefix6).leftChild();
+  bool reading = !startsBelow;
+  const bool topApplies = p.len() >= kTopBits6;
+  bool started = !topApplies;
+  auto read = [&](U32 level) {
+    if (reading) counts.read(level);
+  };
   U32 depth = 0;
+  auto start = [&] {
+    started = true;
+    if (!reading) counts.skipped += depth;
+    reading = true;
+  };
+  read(0);
+  Addrkit::Ip6Prefix key = t.trieNode6(rootPrefix6).leftChild();
   while (key != nullPrefix6) {
     if (depth > Trie::ipv6TrieMaxDepth())
       throw std::runtime_error(fmt::format("IPv6 descent for {} deeper than {} nodes", p, depth));
-    counts.read(depth + 1);
     const TrieNode6 n = t.trieNode6(key);
-    if (n == absent) break;
-    ++depth;
+    if (n == absent) {
+      read(depth + 1);
+      break;
+    }
     const U32 len = n.key().len();
+    if (!started && !aboveStart6(len)) start();
+    read(depth + 1);
+    ++depth;
     const U32 c = commonLen6(n.key(), p);
     if (U32 m = c ? longestBlackUpTo6(n, c) : 0) best = Addrkit::Ip6Prefix::masked(n.key().address(), m);
     if (c < len || c == p.len()) break;
     const bool right = (p.word(len / 32) >> (31 - len % 32)) & 1u;
     key = right ? n.rightChild() : n.leftChild();
   }
+  if (!started) start();
   counts.finish(depth);
+  counts.fromTop += topApplies && !startsBelow;
   if (best) return *best;
-  counts.read(0);
+  read(0);
   if (t.trieNode6(prefix0128).black(3) & 1u) return prefix006;
   return {};
 }
 
 // Records of the family's table by tree level, breadth first from the top
 // node over the child keys (level 0 holds the root record and the default
-// route's record when there is one).
-std::vector<U64> recordsByLevel(const Trie& t, bool v6) {
-  std::vector<U64> levels{1};
+// route's record when there is one), and of those the records a lookup
+// that starts from its top-of-trie entry can read: none above the start,
+// and at level 0 only the default route's record.
+struct Levels {
+  std::vector<U64> all, belowTop;
+};
+Levels recordsByLevel(const Trie& t, bool v6) {
+  Levels levels{{1}, {0}};
+  auto count = [&](U32 len, size_t level) {
+    if (levels.all.size() <= level) {
+      levels.all.resize(level + 1);
+      levels.belowTop.resize(level + 1);
+    }
+    ++levels.all[level];
+    if (!(v6 ? aboveStart6(len) : aboveStart4(len))) ++levels.belowTop[level];
+  };
   if (!v6) {
     static const TrieNode absent{prefix00};
-    if (!(t.trieNode(prefix032) == absent)) ++levels[0];
+    if (!(t.trieNode(prefix032) == absent)) {
+      ++levels.all[0];
+      ++levels.belowTop[0];
+    }
     std::vector<Addrkit::Prefix> frontier{t.trieNode(rootPrefix).root()}, next;
-    while (!frontier.empty()) {
-      U64 count = 0;
+    for (size_t level = 1; !frontier.empty(); ++level) {
       next.clear();
       for (const Addrkit::Prefix& k : frontier) {
         if (k == nullPrefix) continue;
         const TrieNode n = t.trieNode(k);
         if (n == absent) continue;
-        ++count;
+        count(n.key().len(), level);
         for (U32 s = 0; s < 4; ++s) next.push_back(n.child(s));
       }
-      if (count) levels.push_back(count);
       frontier.swap(next);
     }
   } else {
     static const TrieNode6 absent{prefix006};
-    if (!(t.trieNode6(prefix0128) == absent)) ++levels[0];
+    if (!(t.trieNode6(prefix0128) == absent)) {
+      ++levels.all[0];
+      ++levels.belowTop[0];
+    }
     std::vector<Addrkit::Ip6Prefix> frontier{t.trieNode6(rootPrefix6).leftChild()}, next;
-    while (!frontier.empty()) {
-      U64 count = 0;
+    for (size_t level = 1; !frontier.empty(); ++level) {
       next.clear();
       for (const Addrkit::Ip6Prefix& k : frontier) {
         if (k == nullPrefix6) continue;
         const TrieNode6 n = t.trieNode6(k);
         if (n == absent) continue;
-        ++count;
+        count(n.key().len(), level);
         next.push_back(n.leftChild());
         next.push_back(n.rightChild());
       }
-      if (count) levels.push_back(count);
       frontier.swap(next);
     }
   }
@@ -744,7 +867,7 @@ double computeScaling() {
 
 struct ReaderFigures {
   double lpm = 0, longestMatch = 0, consistentLongestMatch = 0, batched = 0, consistentBatched = 0;
-  double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0;
+  double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0, skippedPerLookup = 0, fromTopShare = 0;
   U32 depthMedian = 0, depthP99 = 0, depthMax = 0;
   U32 cachedLevels = 0;
   U64 cachedRecords = 0, treeRecords = 0;
@@ -763,23 +886,35 @@ struct RateFigures {
 
 struct Descent {
   double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0, missingPerLookup = 0;
+  double skippedPerLookup = 0, fromTopShare = 0;
   U32 depthMedian = 0, depthP99 = 0, depthMax = 0, cachedLevels = 0;
   U64 cachedRecords = 0, treeRecords = 0, mismatches = 0;
   std::string firstMismatch;
 };
 
-// Replays every query's descent, checks the replica against longestMatch
-// one at a time and batched, and applies the cache model: the levels from
-// the top whose records (cumulatively, kBytesPerRecord each) fit in the L3
-// count as cached, and reads of deeper records as misses.
+// Replays every query's descent as the timed runs meet it, cycling through
+// the queries in order: the top-of-trie entries are those a first pass
+// left, so the counts are of the steady state (IPv4: every lookup starts
+// from its entry; IPv6: but for leads that take an entry from each other).
+// Checks the replica against longestMatch one at a time and batched (whose
+// first pass fills the entries), and applies the cache model: the levels
+// from the top whose records a lookup can read below its start
+// (cumulatively, kBytesPerRecord each) fit in the L3 count as cached, and
+// reads of deeper records as misses. The few lookups that descend from the
+// top read records above the start too; those the budget leaves out but
+// count as cached when their level is.
 Descent descend(const Trie& t, const std::vector<IpGenPrefix>& queries, bool v6, size_t l3) {
   DescentCounts counts;
   Descent d;
   std::vector<IpGenPrefix> batched(queries.size());
   t.longestMatch(std::span<const IpGenPrefix>(queries), std::span<IpGenPrefix>(batched));
+  TopModel top;
+  for (const IpGenPrefix& q : queries) top.starts(q);
   for (size_t i = 0; i < queries.size(); ++i) {
     const IpGenPrefix& q = queries[i];
-    const IpGenPrefix replayed = v6 ? replayLongestMatch6(t, q.v6(), counts) : replayLongestMatch4(t, q.v4(), counts);
+    const bool startsBelow = top.starts(q);
+    const IpGenPrefix replayed = v6 ? replayLongestMatch6(t, q.v6(), startsBelow, counts)
+                                    : replayLongestMatch4(t, q.v4(), startsBelow, counts);
     const IpGenPrefix library = t.longestMatch(q);
     if (replayed != library || batched[i] != library) {
       if (d.mismatches++ == 0)
@@ -789,6 +924,8 @@ Descent descend(const Trie& t, const std::vector<IpGenPrefix>& queries, bool v6,
   const double n = double(counts.lookups);
   d.recordsPerLookup = double(counts.reads) / n;
   d.neighboursPerLookup = double(counts.neighbourReads) / n;
+  d.skippedPerLookup = double(counts.skipped) / n;
+  d.fromTopShare = double(counts.fromTop) / n;
   double depthSum = 0;
   U64 seen = 0;
   for (size_t depth = 0; depth < counts.lookupsAtDepth.size(); ++depth) {
@@ -802,13 +939,13 @@ Descent descend(const Trie& t, const std::vector<IpGenPrefix>& queries, bool v6,
   }
   d.meanDepth = depthSum / n;
 
-  const std::vector<U64> levels = recordsByLevel(t, v6);
-  d.treeRecords = std::accumulate(levels.begin(), levels.end(), U64(0));
+  const Levels levels = recordsByLevel(t, v6);
+  d.treeRecords = std::accumulate(levels.all.begin(), levels.all.end(), U64(0));
   U64 cumulative = 0;
   d.cachedLevels = 0;
-  for (size_t l = 0; l < levels.size(); ++l) {
-    if (double(cumulative + levels[l]) * kBytesPerRecord > double(l3)) break;
-    cumulative += levels[l];
+  for (size_t l = 0; l < levels.belowTop.size(); ++l) {
+    if (double(cumulative + levels.belowTop[l]) * kBytesPerRecord > double(l3)) break;
+    cumulative += levels.belowTop[l];
     d.cachedLevels = U32(l + 1);
   }
   d.cachedRecords = cumulative;
@@ -830,7 +967,7 @@ struct FamilyFigures {
   double machineScaling = 0;  // measured beside them, for the cores other work leaves free
   struct Size {
     size_t prefixes;
-    double oneAtATime, batched, recordsPerLookup, meanDepth;
+    double oneAtATime, batched, recordsPerLookup, meanDepth, skipped;
   };
   std::vector<Size> sizes;
 };
@@ -899,6 +1036,8 @@ FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, con
                r.recordsPerLookup = d.recordsPerLookup;
                r.neighboursPerLookup = d.neighboursPerLookup;
                r.meanDepth = d.meanDepth;
+               r.skippedPerLookup = d.skippedPerLookup;
+               r.fromTopShare = d.fromTopShare;
                r.depthMedian = d.depthMedian;
                r.depthP99 = d.depthP99;
                r.depthMax = d.depthMax;
@@ -975,7 +1114,7 @@ FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, con
     Basis::Ptr<Trie> w = load(sizeName, options, subset).first;
     const std::vector<IpGenPrefix> subsetQueries = randomQueries(subset, kQueryCount, kSeed);
     struct SizeFigures {
-      double oneAtATime, batched, recordsPerLookup, meanDepth;
+      double oneAtATime, batched, recordsPerLookup, meanDepth, skipped;
       char error[256];
     };
     const SizeFigures s = runReaders<SizeFigures>(1, sizeName, options, [&](const Trie& t, int) {
@@ -983,16 +1122,17 @@ FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, con
                             const Descent d = descend(t, subsetQueries, v6, l3);
                             out.recordsPerLookup = d.recordsPerLookup;
                             out.meanDepth = d.meanDepth;
+                            out.skipped = d.skippedPerLookup;
                             out.oneAtATime = rateLongestMatch(t, subsetQueries, 0);
                             out.batched = rateLongestMatchBatched(t, subsetQueries, 0);
                             return out;
                           }).front();
-    f.sizes.push_back({n, s.oneAtATime, s.batched, s.recordsPerLookup, s.meanDepth});
+    f.sizes.push_back({n, s.oneAtATime, s.batched, s.recordsPerLookup, s.meanDepth, s.skipped});
     w = nullptr;
     trieDrop(sizeName, options);
   }
   f.sizes.push_back({prefixes.size(), f.reader.longestMatch, f.reader.batched, f.reader.recordsPerLookup,
-                     f.reader.meanDepth});
+                     f.reader.meanDepth, f.reader.skippedPerLookup});
   return f;
 }
 
@@ -1120,21 +1260,24 @@ int run() {
   both(fmt::format("  ConsistentReader::longestMatch, batches of {}", kBatch),
        [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.consistentBatched)); });
 
-  section("records read per longestMatch (replayed descent)");
-  both("  node records read", [&](const FamilyFigures& f, bool) {
+  section("records read per longestMatch (replayed descent, queries cycled in order)");
+  both("  node records read, from the top-of-trie start down", [&](const FamilyFigures& f, bool) {
     return plain(fmt::format("{:.2f}", f.reader.recordsPerLookup));
   });
-  both("  of which x0 neighbours read beside an x1 child", [&](const FamilyFigures& f, bool) {
+  both("  of which x0 neighbours, read after the descent", [&](const FamilyFigures& f, bool) {
     return plain(fmt::format("{:.2f}", f.reader.neighboursPerLookup));
   });
-  both("  nodes on the path: mean / median / p99 / max", [&](const FamilyFigures& f, bool) {
+  both("  nodes on the path from the top: mean / median / p99 / max", [&](const FamilyFigures& f, bool) {
     return plain(fmt::format("{:.2f} / {} / {} / {}", f.reader.meanDepth, f.reader.depthMedian, f.reader.depthP99,
                              f.reader.depthMax));
+  });
+  both("  nodes above the start, not read (lookups from the top)", [&](const FamilyFigures& f, bool) {
+    return plain(fmt::format("{:.2f} ({:.1f}%)", f.reader.skippedPerLookup, 100 * f.reader.fromTopShare));
   });
 
   section(fmt::format("cache model: levels whose records × {:.0f} B fit in {} MiB L3 are cached", kBytesPerRecord,
                       m.l3 >> 20));
-  both("  levels cached (records in them)", [&](const FamilyFigures& f, bool) {
+  both("  levels cached (records in them below the start)", [&](const FamilyFigures& f, bool) {
     return plain(fmt::format("{} ({})", f.reader.cachedLevels, count(f.reader.cachedRecords)));
   });
   both("  missing records per lookup", [&](const FamilyFigures& f, bool) {
@@ -1192,12 +1335,13 @@ int run() {
   printTable(rows, {"IPv4", "IPv6"});
 
   fmt::print("\nlongestMatch by table size (random subsets, one reader process)\n");
-  fmt::print("{:>10}  {:>13}  {:>12}  {:>9}  {:>11}\n", "prefixes", "one at a time", "batched", "records", "mean depth");
+  fmt::print("{:>10}  {:>13}  {:>12}  {:>9}  {:>11}  {:>9}\n", "prefixes", "one at a time", "batched", "records",
+             "mean depth", "skipped");
   for (int i = 0; i < 2; ++i) {
     fmt::print("{}\n", i ? "IPv6" : "IPv4");
     for (const FamilyFigures::Size& s : fam[i]->sizes)
-      fmt::print("{:>10}  {:>13}  {:>12}  {:>9.2f}  {:>11.2f}\n", count(s.prefixes), rate(s.oneAtATime), rate(s.batched),
-                 s.recordsPerLookup, s.meanDepth);
+      fmt::print("{:>10}  {:>13}  {:>12}  {:>9.2f}  {:>11.2f}  {:>9.2f}\n", count(s.prefixes), rate(s.oneAtATime),
+                 rate(s.batched), s.recordsPerLookup, s.meanDepth, s.skipped);
   }
 
   // Anything that makes a figure above suspect.
