@@ -65,6 +65,17 @@ class Descent4 {
   bool done() const { return next_ == nullPrefix; }
   void prefetch() const { map_->table().prefetch(bytesOf(next_)); }
   void prefetchRecords() const { map_->table().prefetchRecord(bytesOf(next_)); }
+  // Most stored prefixes are /24 to /21, held by nodes keyed by the /24 or
+  // the /22 of their addresses: the descent likely ends on one of those,
+  // whose fetch can start before the descent gets there.
+  void prefetchLikelyEnd(bool records) const {
+    for (U32 len : {24u, 22u}) {
+      if (query_.len() < len) continue;
+      const Key key = Key::masked(query_.addrHost(), len);
+      if (records) map_->table().prefetchRecord(bytesOf(key));
+      else map_->table().prefetch(bytesOf(key));
+    }
+  }
   // Reads the next record: a node on the way down, then neighbours.
   void advance() {
     if (down_) {
@@ -218,6 +229,16 @@ class Descent6 {
   bool done() const { return next_ == nullPrefix6; }
   void prefetch() const { map_->table().prefetch(bytesOf(next_)); }
   void prefetchRecords() const { map_->table().prefetchRecord(bytesOf(next_)); }
+  // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
+  // the descent likely ends on the node of one of those.
+  void prefetchLikelyEnd(bool records) const {
+    for (U32 len : {64u, 48u}) {
+      if (query_.len() < len) continue;
+      const Key key = Key::masked(query_.address(), len);
+      if (records) map_->table().prefetchRecord(bytesOf(key));
+      else map_->table().prefetch(bytesOf(key));
+    }
+  }
   void advance() {
     if (depth_++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
     std::optional<TrieNode6> found = map_->find(next_);
@@ -286,14 +307,18 @@ class Descent6 {
   bool found_ = false;
 };
 
-// One query: each read depends on the one before, so there is nothing to
-// fetch ahead.
+// One query: each read depends on the one before, but the likely last one
+// can be fetched beside them.
 template <class D>
 Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
                               std::vector<TopEntry<typename D::Key>>* top) {
   D d;
   d.start(trie, query, top);
-  while (!d.done()) d.advance();
+  d.prefetchLikelyEnd(false);
+  for (bool first = true; !d.done(); first = false) {
+    d.advance();
+    if (first) d.prefetchLikelyEnd(true);
+  }
   return d.answer();
 }
 
