@@ -32,9 +32,13 @@ namespace {
                                      trie->name(), family, limit));
 }
 
-template <class Key>
-const U8* bytesOf(const Key& key) {
-  return reinterpret_cast<const U8*>(&key);
+// Starts fetching the index entries of key's record, or (records) the
+// record they name.
+template <class Map, class Key>
+void fetch(const Map* map, const Key& key, bool records) {
+  const U8* bytes = reinterpret_cast<const U8*>(&key);
+  if (records) map->table().prefetchRecord(bytes);
+  else map->table().prefetch(bytes);
 }
 
 class Descent4 {
@@ -63,18 +67,13 @@ class Descent4 {
     if (next_ == nullPrefix) finishDown();
   }
   bool done() const { return next_ == nullPrefix; }
-  void prefetch() const { map_->table().prefetch(bytesOf(next_)); }
-  void prefetchRecords() const { map_->table().prefetchRecord(bytesOf(next_)); }
+  void fetchNext(bool records) const { fetch(map_, next_, records); }
   // Most stored prefixes are /24 to /21, held by nodes keyed by the /24 or
   // the /22 of their addresses: the descent likely ends on one of those,
   // whose fetch can start before the descent gets there.
-  void prefetchLikelyEnd(bool records) const {
-    for (U32 len : {24u, 22u}) {
-      if (query_.len() < len) continue;
-      const Key key = Key::masked(query_.addrHost(), len);
-      if (records) map_->table().prefetchRecord(bytesOf(key));
-      else map_->table().prefetch(bytesOf(key));
-    }
+  void fetchLikelyEnd(bool records) const {
+    for (U32 len : {24u, 22u})
+      if (query_.len() >= len) fetch(map_, Key::masked(query_.addrHost(), len), records);
   }
   // Reads the next record: a node on the way down, then neighbours.
   void advance() {
@@ -227,17 +226,12 @@ class Descent6 {
     if (next_ == nullPrefix6) end();
   }
   bool done() const { return next_ == nullPrefix6; }
-  void prefetch() const { map_->table().prefetch(bytesOf(next_)); }
-  void prefetchRecords() const { map_->table().prefetchRecord(bytesOf(next_)); }
+  void fetchNext(bool records) const { fetch(map_, next_, records); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
   // the descent likely ends on the node of one of those.
-  void prefetchLikelyEnd(bool records) const {
-    for (U32 len : {64u, 48u}) {
-      if (query_.len() < len) continue;
-      const Key key = Key::masked(query_.address(), len);
-      if (records) map_->table().prefetchRecord(bytesOf(key));
-      else map_->table().prefetch(bytesOf(key));
-    }
+  void fetchLikelyEnd(bool records) const {
+    for (U32 len : {64u, 48u})
+      if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
   }
   void advance() {
     if (depth_++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
@@ -314,10 +308,10 @@ Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
                               std::vector<TopEntry<typename D::Key>>* top) {
   D d;
   d.start(trie, query, top);
-  d.prefetchLikelyEnd(false);
+  d.fetchLikelyEnd(false);
   for (bool first = true; !d.done(); first = false) {
     d.advance();
-    if (first) d.prefetchLikelyEnd(true);
+    if (first) d.fetchLikelyEnd(true);
   }
   return d.answer();
 }
@@ -349,8 +343,8 @@ void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
       D& d = lane[l];
       if (!d.done()) {
         switch (stage[l]) {
-          case 0: d.prefetch(); break;
-          case 1: d.prefetchRecords(); break;
+          case 0: d.fetchNext(false); break;
+          case 1: d.fetchNext(true); break;
           default: d.advance(); break;
         }
         stage[l] = stage[l] == 2 ? 0 : stage[l] + 1;
