@@ -20,6 +20,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <optional>
 
 #include "TrieLib/TopOfTrie.h"
 #include "TrieLib/TrieFamily.h"
@@ -41,27 +42,83 @@ void fetch(const Map* map, const Key& key, bool records) {
   else map->table().prefetch(bytes);
 }
 
+// Where a descent stands: the longest match so far and the nodes read.
+template <class Key>
+struct Progress {
+  bool found = false;
+  Key best;
+  U32 depth = 0;
+  void consider(const Key& match) {
+    if (!found || match.len() > best.len()) best = match, found = true;
+  }
+};
+
+// The top-of-trie entry of a descent's query (TopOfTrie.h): the state to
+// start from when it holds for the table as it is, else the entry the
+// descent fills on its way down.
+template <class Key>
+class TopStart {
+ public:
+  // The node to read next (the null key when the descent ended above),
+  // with progress set as it was there; nothing when the entry does not hold.
+  std::optional<Key> restore(U64 counter, TopEntry<Key>& e, U32 lead, Progress<Key>& progress) {
+    entry_ = nullptr;
+    if (counter & 1) return std::nullopt;
+    if (e.stamp != counter + 1 || e.lead != lead) {
+      entry_ = &e;
+      counter_ = counter;
+      lead_ = lead;
+      return std::nullopt;
+    }
+    progress = {e.found, e.best, e.depth};
+    return e.start;
+  }
+  bool filling() const { return entry_ != nullptr; }
+  // The state before the node `start` (the null key: the descent ended
+  // above), kept when the table still reads the counter the descent began
+  // under; progress.depth counts `start` already.
+  void fill(const Key& start, bool ended, const Progress<Key>& progress, U64 counterNow) {
+    TopEntry<Key>& e = *entry_;
+    entry_ = nullptr;
+    if (counterNow != counter_) return;
+    e.lead = lead_;
+    e.start = start;
+    e.ended = ended;
+    e.found = progress.found;
+    e.best = progress.best;
+    e.depth = U8(ended ? progress.depth : progress.depth - 1);
+    e.stamp = counter_ + 1;
+  }
+
+ private:
+  TopEntry<Key>* entry_ = nullptr;
+  U64 counter_ = 0;
+  U32 lead_ = 0;
+};
+
 class Descent4 {
  public:
   using Key = Addrkit::Prefix;
   static constexpr Addrkit::AddressFamily af = Addrkit::AddressFamily::ipv4;
   static Key keyOf(const Addrkit::IpGenPrefix& p) { return p.v4(); }
-
-  // The node of length 14 or less decide by the first 16 bits.
+  // Nodes of length 14 or less decide by the first 16 bits.
   static constexpr U32 topBits = 16;
 
   void start(const Trie* trie, const Key& query, std::vector<TopEntry<Key>>* top) {
     trie_ = trie;
     map_ = &trie->trieNodeMap();
     query_ = query;
-    found_ = false;
+    progress_ = {};
     down_ = true;
-    depth_ = 0;
     neighbours_ = 0;
-    filling_ = nullptr;
+    top_ = {};
     if (top && query.len() >= topBits) {
       const U32 lead = query.addrHost() >> (32 - topBits);
-      if (fromTop(map_->updateCounter(), (*top)[lead], lead)) return;
+      if (const std::optional<Key> from = top_.restore(map_->updateCounter(), (*top)[lead], lead, progress_)) {
+        next_ = *from;
+        if (next_ == nullPrefix) finishDown();
+        return;
+      }
     }
     next_ = trie->trieNode(rootPrefix).root();
     if (next_ == nullPrefix) finishDown();
@@ -78,17 +135,18 @@ class Descent4 {
   // Reads the next record: a node on the way down, then neighbours.
   void advance() {
     if (down_) {
-      if (depth_++ > Trie::ipv4TrieMaxDepth()) tooDeep(trie_, "IPv4", Trie::ipv4TrieMaxDepth());
+      if (progress_.depth++ > Trie::ipv4TrieMaxDepth()) tooDeep(trie_, "IPv4", Trie::ipv4TrieMaxDepth());
       if (const std::optional<TrieNode> n = map_->find(next_)) visit(*n);
       else finishDown();
       return;
     }
     const Neighbour& last = neighbour_[--neighbours_];
-    if (const std::optional<TrieNode> n = map_->find(next_); n && hasBlack(*n, last.len)) consider(next_, last.len);
+    if (const std::optional<TrieNode> n = map_->find(next_); n && hasBlack(*n, last.len))
+      progress_.consider(Key::masked(next_.addrHost(), last.len));
     nextNeighbour();
   }
   Addrkit::IpGenPrefix answer() const {
-    if (found_) return Key::masked(bestAddr_, bestLen_);
+    if (progress_.found) return progress_.best;
     if (trie_->trieNode(prefix032).black() & 1u) return prefix00;
     return {};
   }
@@ -102,12 +160,12 @@ class Descent4 {
 
   void visit(const TrieNode& n) {
     const U32 len = n.key().len();
-    if (filling_ && len + 2 > topBits) fill(n.key());
+    if (top_.filling() && len + 2 > topBits) fillTop(n.key());
     const U32 c = commonPrefixLen(n.key(), query_, std::min(len, query_.len()));
     U32 bits = blackUpTo(n.black(), c);
     // 0.0.0.0/32 cannot be stored as a route: its bit on that key is the default route.
     if (n.key() == prefix032) bits &= ~1u;
-    if (bits) consider(n.key(), longestBlack(bits));
+    if (bits) progress_.consider(Key::masked(n.key().addrHost(), longestBlack(bits)));
     if (c < len || c == query_.len()) return finishDown();
     const U32 slot = childSlot(query_, len);
     if (slot & 1u) {
@@ -121,81 +179,36 @@ class Descent4 {
   // improve it, the deepest first; they are read once the descent is over,
   // and most lookups read none.
   void finishDown() {
-    if (filling_) fill(nullPrefix);
+    if (top_.filling()) fillTop(nullPrefix);
     down_ = false;
     nextNeighbour();
   }
   void nextNeighbour() {
-    if (neighbours_ > 0 && (!found_ || neighbour_[neighbours_ - 1].len > bestLen_))
-      next_ = neighbour_[neighbours_ - 1].key;
-    else
-      next_ = nullPrefix;
+    const bool longer = neighbours_ > 0 && (!progress_.found || neighbour_[neighbours_ - 1].len > progress_.best.len());
+    next_ = longer ? neighbour_[neighbours_ - 1].key : nullPrefix;
   }
-  void consider(const Key& key, U32 len) {
-    if (!found_ || len > bestLen_) {
-      found_ = true;
-      bestLen_ = len;
-      bestAddr_ = key.addrHost();
-    }
-  }
-
-  // Starts from the entry of the query's leading bits when it holds for the
-  // table as it is; else the descent fills it on its way.
-  bool fromTop(U64 counter, TopEntry<Key>& e, U32 lead) {
-    if (counter & 1) return false;
-    if (e.stamp != counter + 1) {
-      filling_ = &e;
-      fillingCounter_ = counter;
-      fillingLead_ = lead;
-      return false;
-    }
-    found_ = e.found;
-    if (found_) {
-      bestAddr_ = e.best.addrHost();
-      bestLen_ = e.best.len();
-    }
-    depth_ = e.depth;
-    next_ = e.start;
-    if (e.ended) finishDown();
-    return true;
-  }
-  // The state before the first node whose decisions need more than the
-  // leading bits (nullPrefix: the descent ended above it), with the
-  // neighbours met so far read now: they are shorter than anything below.
-  void fill(const Key& start) {
-    TopEntry<Key>& e = *filling_;
-    filling_ = nullptr;
+  // The neighbours met above the top's entry are read now: they are
+  // shorter than anything below it.
+  void fillTop(const Key& start) {
     for (; neighbours_ > 0; --neighbours_) {
       const Neighbour& nb = neighbour_[neighbours_ - 1];
-      if (found_ && nb.len <= bestLen_) break;
+      if (progress_.found && nb.len <= progress_.best.len()) break;
       if (const std::optional<TrieNode> n = map_->find(nb.key); n && hasBlack(*n, nb.len)) {
-        consider(nb.key, nb.len);
+        progress_.consider(Key::masked(nb.key.addrHost(), nb.len));
         break;
       }
     }
     neighbours_ = 0;
-    if (map_->updateCounter() != fillingCounter_) return;
-    e.lead = fillingLead_;
-    e.start = start;
-    e.ended = start == nullPrefix;
-    e.found = found_;
-    if (found_) e.best = Key::masked(bestAddr_, bestLen_);
-    e.depth = U8(e.ended ? depth_ : depth_ - 1);
-    e.stamp = fillingCounter_ + 1;
+    top_.fill(start, start == nullPrefix, progress_, map_->updateCounter());
   }
 
   const Trie* trie_ = nullptr;
   const Trie::TrieNodeMap* map_ = nullptr;
-  TopEntry<Key>* filling_ = nullptr;
-  U64 fillingCounter_ = 0;
-  U32 fillingLead_ = 0;
+  TopStart<Key> top_;
+  Progress<Key> progress_;
   Key query_;
   Key next_;
   bool down_ = true;
-  U32 depth_ = 0;
-  U32 bestLen_ = 0;
-  U32 bestAddr_ = 0;
-  bool found_ = false;
   std::array<Neighbour, Trie::ipv4TrieMaxDepth() + 2> neighbour_;
   U32 neighbours_ = 0;
 };
@@ -205,7 +218,6 @@ class Descent6 {
   using Key = Addrkit::Ip6Prefix;
   static constexpr Addrkit::AddressFamily af = Addrkit::AddressFamily::ipv6;
   static Key keyOf(const Addrkit::IpGenPrefix& p) { return p.v6(); }
-
   // Nodes shorter than 32 decide by the first 32 bits; their entries are
   // shared by hash and tell by the bits which query they are for.
   static constexpr U32 topBits = 32;
@@ -214,13 +226,15 @@ class Descent6 {
     trie_ = trie;
     map_ = &trie->trieNode6Map();
     query_ = query;
-    found_ = false;
-    depth_ = 0;
-    filling_ = nullptr;
+    progress_ = {};
+    top_ = {};
     if (top && query.len() >= topBits) {
       const U32 lead = query.word(0);
       TopEntry<Key>& e = (*top)[U32(lead * 0x9E3779B1u) >> 16];
-      if (fromTop(map_->updateCounter(), e, lead)) return;
+      if (const std::optional<Key> from = top_.restore(map_->updateCounter(), e, lead, progress_)) {
+        next_ = *from;
+        return;
+      }
     }
     next_ = trie->trieNode6(rootPrefix6).leftChild();
     if (next_ == nullPrefix6) end();
@@ -234,71 +248,36 @@ class Descent6 {
       if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
   }
   void advance() {
-    if (depth_++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
+    if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
     std::optional<TrieNode6> found = map_->find(next_);
     next_ = nullPrefix6;
     if (!found) return end();
     TrieNode6& n = *found;
     const U32 len = n.key().len();
-    if (filling_ && len + 1 > topBits) fill(n.key());
+    if (top_.filling() && len + 1 > topBits) top_.fill(n.key(), false, progress_, map_->updateCounter());
     const U32 c = commonPrefixLen6(n.key(), query_, std::min(len, query_.len()));
-    if (U32 m = c ? prevBlack6(n, c) : 0) {
-      best_ = Key::masked(n.key().address(), m);
-      found_ = true;
-    }
+    if (U32 m = c ? prevBlack6(n, c) : 0) progress_.consider(Key::masked(n.key().address(), m));
     if (c < len || c == query_.len()) return end();
     next_ = query_.address().bit(len) ? n.rightChild() : n.leftChild();
     if (next_ == nullPrefix6) end();
   }
   Addrkit::IpGenPrefix answer() const {
-    if (found_) return best_;
+    if (progress_.found) return progress_.best;
     if (hasBlack6(trie_->trieNode6(prefix0128), 128)) return prefix006;
     return {};
   }
 
  private:
-  bool fromTop(U64 counter, TopEntry<Key>& e, U32 lead) {
-    if (counter & 1) return false;
-    if (e.stamp != counter + 1 || e.lead != lead) {
-      filling_ = &e;
-      fillingCounter_ = counter;
-      fillingLead_ = lead;
-      return false;
-    }
-    found_ = e.found;
-    best_ = e.best;
-    depth_ = e.depth;
-    next_ = e.ended ? nullPrefix6 : e.start;
-    return true;
-  }
   void end() {
-    if (filling_) fill(nullPrefix6);
-  }
-  // The state before the first node longer than the leading bits
-  // (nullPrefix6: the descent ended above it).
-  void fill(const Key& start) {
-    TopEntry<Key>& e = *filling_;
-    filling_ = nullptr;
-    if (map_->updateCounter() != fillingCounter_) return;
-    e.lead = fillingLead_;
-    e.start = start;
-    e.ended = start == nullPrefix6;
-    e.found = found_;
-    e.best = best_;
-    e.depth = U8(e.ended ? depth_ : depth_ - 1);
-    e.stamp = fillingCounter_ + 1;
+    if (top_.filling()) top_.fill(nullPrefix6, true, progress_, map_->updateCounter());
   }
 
   const Trie* trie_ = nullptr;
   const Trie::TrieNode6Map* map_ = nullptr;
-  TopEntry<Key>* filling_ = nullptr;
-  U64 fillingCounter_ = 0;
-  U32 fillingLead_ = 0;
+  TopStart<Key> top_;
+  Progress<Key> progress_;
   Key query_;
   Key next_;
-  Key best_;
-  U32 depth_ = 0;
-  bool found_ = false;
 };
 
 // One query: each read depends on the one before, but the likely last one
