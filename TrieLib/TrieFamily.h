@@ -48,6 +48,11 @@ struct Family4 {
 
   static bool hasBlack(const Record& n, U32 len) { return Lattice::hasBlack(n, len); }
   static bool anyBlack(const Record& n) { return n.black() != 0; }
+  // The shortest stored length from len (1..32) on, 0 when none; traces nothing.
+  static U32 blackFrom(const Record& n, U32 len) {
+    const U32 bits = n.black() & ~lengthsUpTo(len - 1);
+    return bits == 0 ? 0 : shortestBlack(bits);
+  }
   static U32 blackCount(const Record& n) { return std::popcount(n.black()); }
   static void setBlack(Record& n, U32 len, bool value) { Lattice::setBlack(n, len, value); }
   // Stored lengths in increasing order: the first, and the one after len (0 when none).
@@ -131,6 +136,11 @@ struct Family6 {
 
   static bool hasBlack(const Record& n, U32 len) { return hasBlack6(n, len); }
   static bool anyBlack(const Record& n) { return anyBlack6(n); }
+  static U32 blackFrom(const Record& n, U32 len) {
+    for (U32 w = (len - 1) / 32; w < 4; ++w)
+      if (const U32 bits = n.black(w) & ~lengthsUpTo(w, len - 1)) return 32 * w + shortestBlack(bits);
+    return 0;
+  }
   static U32 blackCount(const Record& n) {
     U32 count = 0;
     for (U32 w = 0; w < 4; ++w) count += std::popcount(n.black(w));

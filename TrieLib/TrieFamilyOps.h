@@ -202,13 +202,18 @@ bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& ke
   visitor.nodeBegin();
   bool goOn = true;
   bool skipped = false;
+  auto visit = [&](U32 len) {
+    const WalkAction action = visitor.visit(F::prefixAlong(node.key(), len));
+    goOn = action != abortWalk;
+    skipped = action == skipSubtree;
+  };
   if (F::anyBlack(node)) {
-    for (U32 len = start; len <= F::maxLen && goOn && !skipped; ++len) {
-      if (!F::hasBlack(node, len)) continue;
-      const WalkAction action = visitor.visit(F::prefixAlong(node.key(), len));
-      goOn = action != abortWalk;
-      skipped = action == skipSubtree;
-    }
+    // Length 0 asks for the bit of the family's longest length, as
+    // hasBlack reads it.
+    if (start == 0 && F::hasBlack(node, 0)) visit(0);
+    for (U32 len = F::blackFrom(node, std::max(start, 1u)); len != 0 && goOn && !skipped;
+         len = len < F::maxLen ? F::blackFrom(node, len + 1) : 0)
+      visit(len);
   }
   if (goOn && !skipped) prefetchChildren<F>(trie, node);
   for (U32 i = 0; i < F::childCount && goOn && !skipped; ++i) {
