@@ -7,10 +7,16 @@
 // the query. IPv4 nodes branch two bits at a time, and a prefix of odd length
 // len + 1 below a node of length len lives on the node in the x0 slot; a
 // query that goes on into the x1 slot reads that neighbour too, after the
-// descent and only when nothing longer was found. The descent ends where the query
-// leaves a node's key, at the query's own length, at an empty slot, or at an
-// absent record (read across a writer's change); deeper than a sound trie can
-// be is damage. With nothing found, the default route answers when stored.
+// descent and only when nothing longer was found. The descent ends where
+// the query leaves a node's key, at the query's own length, at an empty
+// slot, or at an absent record (read across a writer's change); more than
+// 17 (IPv4) or 129 (IPv6) nodes is more than a sound trie holds, and is
+// damage. With nothing found, the default route answers when stored.
+//
+// A query of at least 16 (IPv4) or 32 (IPv6) bits starts where the last
+// descent with the same leading bits went on, when the table has not
+// changed since (TopOfTrie.h); the depth still counts from the top node,
+// and the answer is the one the whole descent gives.
 //
 // A descent is a small state machine advanced one level at a time, so that
 // a batch keeps several in flight: for each it first asks the table to fetch
