@@ -88,12 +88,6 @@ void setBlack(TrieNode& node, unsigned int bitpos, bool value) {
              node.black());
 }
 
-bool prefixLexicallyGreater4(const Addrkit::Prefix& a, const Addrkit::Prefix& b) {
-  if (b.address() < a.address()) return true;
-  if (a.address() == b.address()) return a.len() > b.len();
-  return false;
-}
-
 Addrkit::Prefix nodeKeyFor(const Addrkit::Prefix& p) {
   if (p.len() % 2 == 0) return p;
   return Addrkit::Prefix(p.address(), p.len() + 1);

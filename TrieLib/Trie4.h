@@ -27,7 +27,12 @@ inline U32 commonPrefixLen(const Addrkit::Prefix& a, const Addrkit::Prefix& b, u
   const U32 z = std::countl_zero(x ^ y);
   return z <= maxLen ? z : maxLen;
 }
-bool prefixLexicallyGreater4(const Addrkit::Prefix& a, const Addrkit::Prefix& b);
+// By address, and on equal addresses the longer prefix after the shorter.
+inline bool prefixLexicallyGreater4(const Addrkit::Prefix& a, const Addrkit::Prefix& b) {
+  if (b.address() < a.address()) return true;
+  if (a.address() == b.address()) return a.len() > b.len();
+  return false;
+}
 // The key of the node that carries p: p itself for even lengths, one bit
 // longer for odd lengths.
 Addrkit::Prefix nodeKeyFor(const Addrkit::Prefix& p);

@@ -113,12 +113,6 @@ U32 prevBlack6(TrieNode6& node, U32 bitPos) {
   return 0;
 }
 
-bool prefixLexicallyGreater6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b) {
-  if (b.address() < a.address()) return true;
-  if (a.address() != b.address()) return false;
-  return b.len() < a.len();
-}
-
 // ---- Insertion ----
 
 void updateNode6(Trie* trie, TrieNode6& node, const Addrkit::Ip6Prefix& prefix, bool right) {

@@ -26,7 +26,12 @@ inline U32 commonPrefixLen6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefi
   }
   return 128;
 }
-bool prefixLexicallyGreater6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b);
+// By address, and on equal addresses the longer prefix after the shorter.
+inline bool prefixLexicallyGreater6(const Addrkit::Ip6Prefix& a, const Addrkit::Ip6Prefix& b) {
+  if (b.address() < a.address()) return true;
+  if (a.address() != b.address()) return false;
+  return b.len() < a.len();
+}
 
 // Insertion.
 void updateNode6(Trie* trie, TrieNode6& node, const Addrkit::Ip6Prefix& prefix, bool right);

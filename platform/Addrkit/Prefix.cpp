@@ -69,13 +69,7 @@ Prefix::Prefix(std::string_view text) {
   refuseHostBits(validAsPrefix(), "IPv4", text);
 }
 
-Prefix Prefix::masked(U32 hostAddr, U32 len) {
-  if (len > 32) throw Basis::RangeException(invalidPrefixText);
-  Prefix p;
-  networkOrder(hostAddr & mask32(len), p.addr_);
-  p.len_ = U8(len);
-  return p;
-}
+void Prefix::invalidLength() { throw Basis::RangeException(invalidPrefixText); }
 
 bool Prefix::validAsPrefix() const { return len_ <= 32 && (addrHost() & ~mask32(len_)) == 0; }
 

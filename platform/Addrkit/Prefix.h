@@ -29,7 +29,13 @@ class Prefix {
   // Basis::RangeException naming the text.
   explicit Prefix(std::string_view text);
   // The address masked to len bits, with that length (a subnet).
-  static Prefix masked(U32 hostAddr, U32 len);
+  static Prefix masked(U32 hostAddr, U32 len) {
+    if (len > 32) invalidLength();
+    Prefix p;
+    networkOrder(len == 0 ? 0 : hostAddr & (~U32(0) << (32 - len)), p.addr_);
+    p.len_ = U8(len);
+    return p;
+  }
 
   Ip4Address address() const { Ip4Address a; std::memcpy((void*)&a, addr_, 4); return a; }
   U32 addrHost() const { return hostOrder(addr_); }
@@ -42,6 +48,7 @@ class Prefix {
   }
 
  private:
+  [[noreturn]] static void invalidLength();
   U8 addr_[4] = {};
   U8 len_ = 0;
 };

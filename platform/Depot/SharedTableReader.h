@@ -303,6 +303,11 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
       : SharedTableBase(layout, std::move(path), std::move(m)), dir_(std::move(dir)), base_(std::move(base)) {
     stuckAfterMs_ = stuckAfterMs;
     startReadingAround(*map_);
+    const auto is = [&](U32 keyOffset, U32 keySize, U32 recordSize, U32 stride) {
+      return layout.keyOffset == keyOffset && layout.keySize == keySize && layout.recordSize == recordSize &&
+             strideFor(layout) == stride;
+    };
+    quick_ = is(4, 5, 29, 32) ? Quick::node4 : is(16, 17, 67, 72) ? Quick::node6 : Quick::none;
   }
 
   bool isWriter() const override { return false; }
@@ -330,6 +335,9 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   [[noreturn]] static void refuse();
   void followSuccessor() const;
   bool lookup(const U8* key, U32* words, U64& slot) const;
+  // The layouts whose lookups have a path of their own (the trie's nodes).
+  enum class Quick { none, node4, node6 };
+  Quick quick_ = Quick::none;
   // The open update the counter last showed, and since when.
   mutable U64 openSeen_ = 0;
   mutable std::chrono::steady_clock::time_point openSince_;
