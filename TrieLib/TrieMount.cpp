@@ -27,9 +27,14 @@ std::string depotRoot() {
 }
 
 Basis::Ptr<Trie> trieWriterNew(const Basis::String& name, const MountOptions& options) {
-  Basis::Ptr<Trie> trie = trieFactory(name);
   // A trie holds up to about two records per prefix (a node per prefix and
-  // the branching nodes between them).
+  // the branching nodes between them), and a table at most maxEntries.
+  const U64 most = Depot::SharedTableOptions().maxEntries / 2;
+  for (const auto& [family, prefixes] : {std::pair{"IPv4", options.ipv4Prefixes}, {"IPv6", options.ipv6Prefixes}})
+    if (prefixes > most)
+      throw Basis::RangeException(
+          fmt::format("trie {}: room for {} {} prefixes asked; a trie holds at most {}", name, prefixes, family, most));
+  Basis::Ptr<Trie> trie = trieFactory(name);
   KilnDepot::mountWriter(trie->trieNodeMap(), options.root, options.mode, options.ipv4Prefixes * 2);
   KilnDepot::mountWriter(trie->trieNode6Map(), options.root, options.mode, options.ipv6Prefixes * 2);
   return trie;

@@ -69,6 +69,10 @@ TEST(TrieMount, AReaderFollowsTheWriterThroughGrowthAndCannotWrite) {
   for (const Op& op : ops) sized->prefixIs(op.prefix);
   for (const Depot::Table* t : {&sized->trieNodeMap().table(), &sized->trieNode6Map().table()})
     EXPECT_EQ(dynamic_cast<const Depot::SharedTable&>(*t).generation(), 1u);
+  MountOptions huge = root.options;
+  huge.ipv6Prefixes = U64(1) << 40;  // more than a table holds: refused, nothing created
+  EXPECT_THROW(trieWriterNew("X", huge), Basis::RangeException);
+  EXPECT_FALSE(trieExists("X", root.options));
   struct stat st;
   ASSERT_EQ(stat(root.file("T/trieNode6").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);  // every generation keeps the mode
