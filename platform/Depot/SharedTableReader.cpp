@@ -31,6 +31,7 @@ struct Probe {
 // broken (or raced with the writer: the caller tells which). Around an
 // update left open by a writer that is gone, a busy slot is not key's: the
 // update did not change key, or its journal would have answered.
+template <U32 Words = 0>
 Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* words, bool around) {
   const Geometry& g = m.geometry();
   const U32 slotMask = slotMaskOf(g);
@@ -43,7 +44,7 @@ Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* wo
     if (e != tombstone && (e & ~slotMask) == tag) {
       const U64 slot = U64(e & slotMask) - 1;
       if ((e & slotMask) == 0 || slot >= g.capacity) return {Outcome::broken, slot, pos, Problem::slotOutside};
-      switch (readSlot(m, slot, words)) {
+      switch (readSlot<Words>(m, slot, words)) {
         case SlotRead::busy:
           if (around) break;
           return {Outcome::unsettled, slot, pos};
@@ -60,43 +61,6 @@ Probe probe(const Mapping& m, const Keys& keys, const U8* key, U64 hash, U32* wo
     pos = nextPosition(g, pos);
   }
   return {Outcome::broken, 0, pos, Problem::endless};
-}
-
-// The records of a layout known at compile time (the trie's nodes), found
-// the common way: a settled slot under the key's tag, copied whole with
-// the copy and the comparison unrolled. found or absent is the answer; any
-// other outcome (a busy or damaged slot, a long probe) leaves the case to
-// the full lookup.
-template <U32 keyOffset, U32 keySize, U32 recordSize, U32 stride>
-Outcome quickFind(const Mapping& m, const U8* key, U8* out) {
-  static_assert(stride % 4 == 0 && recordSize <= stride);
-  constexpr U32 words = stride / 4;
-  const Geometry& g = m.geometry();
-  const U64 hash = fixedKeyHash<keySize>(key);
-  const U32 slotMask = slotMaskOf(g);
-  const U32 tag = tagOf(g, hash);
-  const U32 tombstone = tombstoneEntry(g.slotBits);
-  U64 pos = homeEntry(hash, g.indexEntries);
-  for (U32 n = 0; n < 16; ++n, pos = nextPosition(g, pos)) {
-    const U32 e = loadAcquire(m.indexEntry(pos));
-    if (e == 0) return Outcome::absent;
-    if (e == tombstone || (e & ~slotMask) != tag) continue;
-    const U64 slot = U64(e & slotMask) - 1;
-    if ((e & slotMask) == 0 || slot >= g.capacity) return Outcome::broken;
-    const U32* p = reinterpret_cast<const U32*>(m.slot(slot));
-    const U32 before = loadAcquire(p[words - 1]);
-    if ((before & (seqBusy | seqLive)) != seqLive) return Outcome::unsettled;
-    U32 copy[words];
-    for (U32 w = 0; w + 1 < words; ++w) copy[w] = loadRelaxed(p[w]);
-    copy[words - 1] = before;
-    std::atomic_thread_fence(std::memory_order_acquire);
-    if (loadRelaxed(p[words - 1]) != before) return Outcome::unsettled;
-    const U8* bytes = reinterpret_cast<const U8*>(copy);
-    if (std::memcmp(bytes + keyOffset, key, keySize) != 0) continue;
-    std::memcpy(out, bytes, recordSize);
-    return Outcome::found;
-  }
-  return Outcome::unsettled;
 }
 
 }  // namespace
@@ -127,11 +91,18 @@ U64 SharedTableReader::updateCounter() const {
 }
 
 bool SharedTableReader::find(const U8* key, U8* out) const {
+  // The trie's node records: the same settled pass as lookup's, with the
+  // sizes built in; anything else is left to lookup.
   if (quick_ != Quick::none && openByGone_ == 0 && loadRelaxed(map_->header().successor) == 0) [[likely]] {
-    const Outcome o = quick_ == Quick::node4 ? quickFind<4, 5, 29, 32>(*map_, key, out)
-                                             : quickFind<16, 17, 67, 72>(*map_, key, out);
-    if (o == Outcome::found) return true;
-    if (o == Outcome::absent) return false;
+    U32 copy[72 / 4];
+    const Probe p = quick_ == Quick::node4 ? probe<32 / 4>(*map_, keys_, key, fixedKeyHash<5>(key), copy, false)
+                                           : probe<72 / 4>(*map_, keys_, key, fixedKeyHash<17>(key), copy, false);
+    if (p.outcome == Outcome::absent) return false;
+    if (p.outcome == Outcome::found) {
+      if (quick_ == Quick::node4) std::memcpy(out, copy, 29);
+      else std::memcpy(out, copy, 67);
+      return true;
+    }
   }
   U32 words[maxStride / 4];
   U64 slot;

@@ -87,9 +87,11 @@ class Patience {
 enum class SlotRead { ok, busy, free };
 
 // Copies slot into words under its sequence word: `ok` only for a whole,
-// unchanged record.
+// unchanged record. Words: the slot's 4-byte words when known at compile
+// time (the copy is then unrolled), 0 to read them from the geometry.
+template <U32 Words = 0>
 inline SlotRead readSlot(const Mapping& m, U64 slot, U32* words) {
-  const U32 n = m.geometry().stride / 4;
+  const U32 n = Words ? Words : m.geometry().stride / 4;
   const U32* p = reinterpret_cast<const U32*>(m.slot(slot));
   U32 before = loadAcquire(p[n - 1]);
   if (before & seqBusy) return SlotRead::busy;
