@@ -40,12 +40,15 @@ namespace {
 }
 
 // Starts fetching the index entries of key's record, or (records) the
-// record they name.
+// record they name; the same in a table alongside keyed alike, if any.
 template <class Map, class Key>
-void fetch(const Map* map, const Key& key, bool records) {
+void fetch(const Map* map, const Key& key, bool records, const Depot::Table* alongside = nullptr) {
   const U8* bytes = reinterpret_cast<const U8*>(&key);
-  if (records) map->table().prefetchRecord(bytes);
-  else map->table().prefetch(bytes);
+  for (const Depot::Table* t : {static_cast<const Depot::Table*>(&map->table()), alongside}) {
+    if (!t) continue;
+    if (records) t->prefetchRecord(bytes);
+    else t->prefetch(bytes);
+  }
 }
 
 // Where a descent stands: the longest match so far and the nodes read.
@@ -134,9 +137,9 @@ class Descent4 {
   // Most stored prefixes are /24 to /21, held by nodes keyed by the /24 or
   // the /22 of their addresses: the descent likely ends on one of those,
   // whose fetch can start before the descent gets there.
-  void fetchLikelyEnd(bool records) const {
+  void fetchLikelyEnd(bool records, const Depot::Table* alongside) const {
     for (U32 len : {24u, 22u})
-      if (query_.len() >= len) fetch(map_, Key::masked(query_.addrHost(), len), records);
+      if (query_.len() >= len) fetch(map_, Key::masked(query_.addrHost(), len), records, alongside);
   }
   // Reads the next record: a node on the way down, then neighbours.
   void advance() {
@@ -249,9 +252,9 @@ class Descent6 {
   void fetchNext(bool records) const { fetch(map_, next_, records); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
   // the descent likely ends on the node of one of those.
-  void fetchLikelyEnd(bool records) const {
+  void fetchLikelyEnd(bool records, const Depot::Table* alongside) const {
     for (U32 len : {64u, 48u})
-      if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
+      if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records, alongside);
   }
   void advance() {
     if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
@@ -290,13 +293,13 @@ class Descent6 {
 // can be fetched beside them.
 template <class D>
 Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
-                              std::vector<TopEntry<typename D::Key>>* top) {
+                              std::vector<TopEntry<typename D::Key>>* top, const Depot::Table* alongside) {
   D d;
   d.start(trie, query, top);
-  d.fetchLikelyEnd(false);
+  d.fetchLikelyEnd(false, alongside);
   for (bool first = true; !d.done(); first = false) {
     d.advance();
-    if (first) d.fetchLikelyEnd(true);
+    if (first) d.fetchLikelyEnd(true, alongside);
   }
   return d.answer();
 }
@@ -360,9 +363,15 @@ Trie::TopOfTrie& Trie::topOfTrie() const {
 }
 
 Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) const {
+  return longestMatch(prefix, nullptr);
+}
+
+Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix, const Depot::Table* alongside) const {
   switch (prefix.af()) {
-    case Addrkit::AddressFamily::ipv4: return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_));
-    case Addrkit::AddressFamily::ipv6: return matchOne<Descent6>(this, prefix.v6(), topOfTrie().v6.of(trieNode6_));
+    case Addrkit::AddressFamily::ipv4:
+      return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_), alongside);
+    case Addrkit::AddressFamily::ipv6:
+      return matchOne<Descent6>(this, prefix.v6(), topOfTrie().v6.of(trieNode6_), alongside);
     default: return {};
   }
 }

@@ -389,6 +389,10 @@ void walkFamily4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& 
   walkFamily<Family4>(trie, visitor, subtreeRoot);
 }
 
+void walkCovered4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& p) {
+  walkCovered<Family4>(trie, visitor, p);
+}
+
 void preOrderWalk4(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::Prefix& subtreeRoot) {
   CallbackVisitor visitor(callback);
   walkFamily4(trie, visitor, subtreeRoot);

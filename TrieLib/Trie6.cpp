@@ -385,6 +385,10 @@ void walkFamily6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefi
   walkFamily<Family6>(trie, visitor, subtreeRoot);
 }
 
+void walkCovered6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefix& p) {
+  walkCovered<Family6>(trie, visitor, p);
+}
+
 void preOrderWalk6(const Trie* trie, const Basis::Ptr<TrieWalkCallback>& callback,
                    const Addrkit::Ip6Prefix& subtreeRoot) {
   CallbackVisitor visitor(callback);

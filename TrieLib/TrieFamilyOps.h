@@ -242,6 +242,65 @@ void walkFamilyOnce(const Trie* trie, WalkVisitor& visitor, const typename F::Ke
   walkBelow<F>(trie, visitor, top, true, 0);
 }
 
+// Hands on only the prefixes inside p (p included).
+template <class F>
+class InsideVisitor final : public WalkVisitor {
+ public:
+  InsideVisitor(WalkVisitor& to, const typename F::Key& p) : to_(to), p_(p) {}
+  WalkAction visit(const Addrkit::IpGenPrefix& prefix) override {
+    const typename F::Key k = keyOf(prefix);
+    if (k.len() < p_.len() || F::commonLen(k, p_) < p_.len()) return continueWalk;
+    return to_.visit(prefix);
+  }
+  void nodeBegin() override { to_.nodeBegin(); }
+  void nodeEnd() override { to_.nodeEnd(); }
+
+ private:
+  static typename F::Key keyOf(const Addrkit::IpGenPrefix& g) {
+    if constexpr (F::maxLen == 32) return g.v4();
+    else return g.v6();
+  }
+  WalkVisitor& to_;
+  const typename F::Key& p_;
+};
+
+// The nodes on the way down to p, and below it every node whose key lies
+// inside p; false when the visitor aborted. A node whose key covers p holds
+// only prefixes covering p, so it is passed over, and of its children only
+// those whose keys meet p are entered (with odd IPv4 lengths, that can be
+// two).
+template <class F>
+bool coveredBelow(const Trie* trie, WalkVisitor& inside, const typename F::Key& key, const typename F::Key& p,
+                  U32 level) {
+  if (level > F::maxDescents)
+    throw WalkTooDeep(fmt::format("trie {}: {} walk deeper than {} levels at {}; the trie is damaged", trie->name(),
+                                  F::name, F::maxDescents + 1, key));
+  const typename F::Record node = F::read(trie, key);
+  if (F::isAbsent(node)) return true;
+  const typename F::Key& k = node.key();
+  if (F::commonLen(k, p) < std::min(k.len(), p.len())) return true;
+  if (k.len() >= p.len()) return walkBelow<F>(trie, inside, k, true, level);
+  for (U32 i = 0; i < F::childCount; ++i) {
+    const typename F::Key& child = F::child(node, i);
+    if (child == F::nullKey() || F::commonLen(child, p) < std::min(child.len(), p.len())) continue;
+    if (!coveredBelow<F>(trie, inside, child, p, level + 1)) return false;
+  }
+  return true;
+}
+
+// Every stored prefix inside p, in the walk's order, reading only the part
+// of the trie that can hold them. Unlike the walk of a subtree, it delivers
+// no prefix covering p and no neighbour of it.
+template <class F>
+void walkCovered(const Trie* trie, WalkVisitor& visitor, const typename F::Key& p) {
+  if (p.len() == 0 && !F::isAbsent(F::read(trie, F::defaultRouteKey())))
+    if (visitor.visit(F::defaultRoute()) == abortWalk) return;
+  const typename F::Key top = F::top(F::read(trie, F::rootKey()));
+  if (top == F::nullKey()) return;
+  InsideVisitor<F> inside(visitor, p);
+  coveredBelow<F>(trie, inside, top, p, 0);
+}
+
 // The family's branch of Trie::preOrderWalk. A walk led astray by a writer's
 // changes in another process is not called damage.
 template <class F>

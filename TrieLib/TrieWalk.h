@@ -30,5 +30,11 @@ class CallbackVisitor : public WalkVisitor {
 // damaged tables and raises Basis::Exception naming the trie and the node key.
 void walkFamily4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& subtreeRoot);
 void walkFamily6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefix& subtreeRoot);
+// Every stored prefix inside p (p included) and nothing else, reading only
+// the nodes down to p and below it; the order is the walk's, which an odd
+// IPv4 length can take out of lexical order. Records read across a writer's
+// changes can raise Basis::Exception: a reader runs it under a consistent read.
+void walkCovered4(const Trie* trie, WalkVisitor& visitor, const Addrkit::Prefix& p);
+void walkCovered6(const Trie* trie, WalkVisitor& visitor, const Addrkit::Ip6Prefix& p);
 
 }  // namespace Routing::Lattice

@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "Depot/SharedTable.h"
+#include "RouteTable/RouteTable.h"
 #include "TrieLib/ConsistentRead.h"
 #include "TrieLib/TrieMount.h"
 
@@ -651,15 +652,18 @@ Levels recordsByLevel(const Trie& t, bool v6) {
 // Timed lookups.
 
 // Lookups per second of `one` over the queries, cycled, for kRunSeconds.
-template <class One>
-double rateOneAtATime(const std::vector<IpGenPrefix>& queries, U64 offset, One&& one) {
+bool missed(const IpGenPrefix& answer) { return answer.isEmpty(); }
+bool missed(const std::optional<depottrie::Route>& answer) { return !answer; }
+
+template <class Query, class One>
+double rateOneAtATime(const std::vector<Query>& queries, U64 offset, One&& one) {
   const size_t mask = queries.size() - 1;  // a power of two
   size_t i = offset, done = 0;
   U64 empty = 0;
   const Clock::time_point start = Clock::now();
   double elapsed = 0;
   do {
-    for (size_t k = 0; k < 4096; ++k) empty += one(queries[i++ & mask]).isEmpty();
+    for (size_t k = 0; k < 4096; ++k) empty += missed(one(queries[i++ & mask]));
     done += 4096;
   } while ((elapsed = secondsSince(start)) < kRunSeconds);
   gSink = gSink + empty;
@@ -667,9 +671,9 @@ double rateOneAtATime(const std::vector<IpGenPrefix>& queries, U64 offset, One&&
 }
 
 // The same for a batched lookup fed kBatch queries at a time.
-template <class Batch>
-double rateBatched(const std::vector<IpGenPrefix>& queries, U64 offset, Batch&& batch) {
-  std::vector<IpGenPrefix> answers(kBatch);
+template <class Answer = IpGenPrefix, class Query, class Batch>
+double rateBatched(const std::vector<Query>& queries, U64 offset, Batch&& batch) {
+  std::vector<Answer> answers(kBatch);
   const size_t mask = queries.size() - 1;
   size_t i = offset & ~(kBatch - 1), done = 0;
   U64 empty = 0;
@@ -677,8 +681,8 @@ double rateBatched(const std::vector<IpGenPrefix>& queries, U64 offset, Batch&& 
   double elapsed = 0;
   do {
     for (size_t k = 0; k < 16; ++k) {
-      batch(std::span<const IpGenPrefix>(queries.data() + (i & mask), kBatch), std::span<IpGenPrefix>(answers));
-      empty += answers[0].isEmpty();
+      batch(std::span<const Query>(queries.data() + (i & mask), kBatch), std::span<Answer>(answers));
+      empty += missed(answers[0]);
       i += kBatch;
     }
     done += 16 * kBatch;
@@ -867,6 +871,7 @@ double computeScaling() {
 
 struct ReaderFigures {
   double lpm = 0, longestMatch = 0, consistentLongestMatch = 0, batched = 0, consistentBatched = 0;
+  double table = 0, tableBatched = 0;  // RouteTable::lookup: prefix and value
   double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0, skippedPerLookup = 0, fromTopShare = 0;
   U32 depthMedian = 0, depthP99 = 0, depthMax = 0;
   U32 cachedLevels = 0;
@@ -1034,6 +1039,11 @@ FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, con
     f.updateRate = double(f.updates) / secondsSince(start);
   }
   f.occupancy = footprint(*writer, v6).ownRecords;
+  // The route table over the same trie gives every prefix its value record.
+  progress("{}: values...", family);
+  writer = nullptr;
+  depottrie::RouteTable::openWriter(name, {.root = options.root});
+  writer = trieWriterNew(name, options);
 
   const std::vector<IpGenPrefix> queries = randomQueries(prefixes, kQueryCount, kSeed);
   progress("{}: one reader process...", family);
@@ -1064,6 +1074,12 @@ FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, con
                    rateOneAtATime(queries, 0, [&](const IpGenPrefix& p) { return consistent.longestMatch(p); });
                r.batched = rateLongestMatchBatched(t, queries, 0);
                r.consistentBatched = rateBatched(queries, 0, [&](auto in, auto out) { consistent.longestMatch(in, out); });
+               const depottrie::RouteTable table = depottrie::RouteTable::openReader(name, {.root = options.root});
+               std::vector<depottrie::Prefix> asked;
+               for (const IpGenPrefix& q : queries) asked.push_back(depottrie::Prefix(q.stringValue()));
+               r.table = rateOneAtATime(asked, 0, [&](const depottrie::Prefix& p) { return table.lookup(p); });
+               r.tableBatched = rateBatched<std::optional<depottrie::Route>>(
+                   asked, 0, [&](auto in, auto out) { table.lookup(in, out); });
 
                const IpGenPrefix top = v6 ? IpGenPrefix(rootPrefix6) : IpGenPrefix(rootPrefix);
                Clock::time_point start = Clock::now();
@@ -1268,6 +1284,13 @@ int run() {
        [&](const FamilyFigures& f, bool six) { return atLeast(f.reader.batched, six ? 4e6 : 8e6); });
   both(fmt::format("  ConsistentReader::longestMatch, batches of {}", kBatch),
        [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.consistentBatched)); });
+  both("  RouteTable::lookup (prefix and value)", [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.table)); });
+  both(fmt::format("  RouteTable::lookup, batches of {}", kBatch),
+       [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.tableBatched)); });
+  both("  RouteTable::lookup time / longestMatch time", [&](const FamilyFigures& f, bool) {
+    const double ratio = f.reader.longestMatch / f.reader.table;
+    return judged(fmt::format("{:.2f}", ratio), ratio, 1.25, false, "<= 1.25");
+  });
 
   section("records read per longestMatch (replayed descent, queries cycled in order)");
   both("  node records read, from the top-of-trie start down", [&](const FamilyFigures& f, bool) {

@@ -21,6 +21,7 @@ foreach(lib ${depotPlatformLibs})
   install(DIRECTORY platform/${lib} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endforeach()
 install(DIRECTORY TrieLib DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(FILES RouteTable/RouteTable.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/RouteTable)
 
 if(TARGET depottrie)
   # The installed tool finds the installed library wherever the prefix is.

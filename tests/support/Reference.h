@@ -1,11 +1,16 @@
 #pragma once
 // The plain model every trie test compares against: a sorted set of prefixes
 // of both families with longest match, successor, covered and covering
-// answered by brute force, independent of the trie's records.
+// answered by brute force, independent of the trie's records; and the same
+// with a value per prefix, as the route table answers.
+#include <map>
+#include <optional>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "Addrkit/Prefix.h"
+#include "RouteTable/RouteTable.h"
 
 namespace testkit {
 
@@ -76,6 +81,28 @@ class Reference {
   }
  private:
   Set set_;
+};
+
+inline depottrie::Prefix front(const IpGenPrefix& p) { return depottrie::Prefix(p.stringValue()); }
+
+// The reference's prefixes with the values last given to them.
+struct Model {
+  Reference ref;
+  std::map<std::string, std::uint64_t> values;
+  void apply(const IpGenPrefix& p, bool insert, std::uint64_t value) {
+    insert ? (void)(ref.insert(p), values[p.stringValue()] = value) : (void)ref.erase(p);
+  }
+  std::optional<depottrie::Route> routeIf(const IpGenPrefix& p) const {
+    if (p.isEmpty()) return std::nullopt;
+    return depottrie::Route{front(p), values.at(p.stringValue())};
+  }
+  template <class Prefixes>
+  std::vector<depottrie::Route> routes(const Prefixes& ps) const {
+    std::vector<depottrie::Route> out;
+    for (const IpGenPrefix& p : ps) out.push_back(*routeIf(p));
+    return out;
+  }
+  std::vector<depottrie::Route> all() const { return routes(ref.all()); }
 };
 
 }  // namespace testkit

@@ -1,0 +1,13 @@
+#pragma once
+// The trie under a route table, for the library's own tools and tests that
+// check or watch it (not installed).
+#include "RouteTable/RouteTable.h"
+#include "TrieLib/DepotTrie.h"
+
+namespace depottrie::detail {
+
+struct Access {
+  static Routing::Lattice::Trie& trie(RouteTable& t);
+};
+
+}  // namespace depottrie::detail

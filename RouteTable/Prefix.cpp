@@ -1,0 +1,60 @@
+// Text, order and cutting of the route table's prefixes.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+
+#include "Addrkit/Prefix.h"
+#include "Basis/Exception.h"
+#include "RouteTable/Convert.h"
+#include "RouteTable/RouteTable.h"
+
+namespace depottrie {
+
+Prefix::Prefix(std::string_view text) {
+  try {
+    *this = detail::fromGen(Addrkit::IpGenPrefix(text));
+  } catch (const Basis::Exception& e) {
+    throw Error(e.what());
+  }
+}
+
+std::optional<Prefix> Prefix::parse(std::string_view text) {
+  try {
+    return Prefix(text);
+  } catch (const Error&) {
+    return std::nullopt;
+  }
+}
+
+Prefix Prefix::fromBytes(std::span<const std::uint8_t> address, unsigned length) {
+  if (address.size() != 4 && address.size() != 16)
+    throw Error(fmt::format("an address has 4 or 16 bytes, not {}", address.size()));
+  Prefix p;
+  p.family_ = address.size() == 4 ? Family::ipv4 : Family::ipv6;
+  if (length > p.maxLength())
+    throw Error(fmt::format("length {} is longer than an {} address", length, p.family_ == Family::ipv4 ? "IPv4" : "IPv6"));
+  std::copy(address.begin(), address.end(), p.bytes_.begin());
+  p.length_ = std::uint8_t(length);
+  for (unsigned bit = length; bit < p.maxLength(); ++bit) p.bytes_[bit / 8] &= std::uint8_t(~(0x80u >> (bit % 8)));
+  return p;
+}
+
+Prefix Prefix::truncated(unsigned length) const { return fromBytes(address(), std::min(length, unsigned(length_))); }
+
+bool Prefix::contains(const Prefix& other) const {
+  return family_ == other.family_ && length_ <= other.length_ && other.truncated(length_) == *this;
+}
+
+std::string Prefix::toString() const { return detail::toGen(*this).stringValue(); }
+
+std::strong_ordering operator<=>(const Prefix& a, const Prefix& b) {
+  if (a.family_ != b.family_) return a.family_ <=> b.family_;
+  if (const int c = std::memcmp(a.bytes_.data(), b.bytes_.data(), a.bytes_.size()); c != 0) return c <=> 0;
+  return a.length_ <=> b.length_;
+}
+
+std::ostream& operator<<(std::ostream& os, const Prefix& p) { return os << p.toString(); }
+
+}  // namespace depottrie

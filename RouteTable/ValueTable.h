@@ -1,0 +1,58 @@
+#pragma once
+// The value of each stored prefix (internal to the route table).
+//
+// Two shared tables beside a trie's node tables, NAME/value (IPv4) and
+// NAME/value6, hold one record per prefix: the prefix as the trie's keys
+// store it (5 or 17 bytes) and a 64-bit value. The trie stays the truth of
+// which prefixes are stored: a value record whose prefix is not stored (left
+// by a writer killed between the two tables' updates) is never read, and a
+// stored prefix without a record (stored through the Trie layer) has value
+// 0. Its writer changes a value only inside an update of the trie's table of
+// that family, so a reader that checks that table's update counter reads
+// prefix and value from one state.
+#include <array>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "Addrkit/Prefix.h"
+#include "Depot/SharedTable.h"
+
+namespace depottrie::detail {
+
+class ValueTables {
+ public:
+  // As the writer: created, or reopened keeping every record.
+  static ValueTables writer(const std::string& name, const std::string& root, unsigned mode, U64 capacity4,
+                            U64 capacity6);
+  // Mapped read-only; a family whose table is absent reads every value as 0.
+  static ValueTables reader(const std::string& name, const std::string& root);
+  static std::array<Depot::TablePath, 2> files(const std::string& name, const std::string& root);
+
+  bool present(Addrkit::AddressFamily af) const { return table(af) != nullptr; }
+  Depot::Table* table(Addrkit::AddressFamily af) const {
+    return (af == Addrkit::AddressFamily::ipv4 ? v4_ : v6_).get();
+  }
+  std::optional<U64> find(const Addrkit::IpGenPrefix& p) const;
+  U64 value(const Addrkit::IpGenPrefix& p) const { return find(p).value_or(0); }
+  // The values of several prefixes (the empty prefix reads 0), their reads
+  // overlapped.
+  void values(std::span<const Addrkit::IpGenPrefix> prefixes, std::span<U64> out) const;
+  // Starts fetching a value that is about to be read (two steps, as
+  // Depot::Table::prefetch and prefetchRecord).
+  void prefetch(const Addrkit::IpGenPrefix& p) const;
+  void prefetchRecord(const Addrkit::IpGenPrefix& p) const;
+
+  void write(const Addrkit::IpGenPrefix& p, U64 value);
+  bool remove(const Addrkit::IpGenPrefix& p);
+  // The keys of the records of one family, in the table's order.
+  std::vector<Addrkit::IpGenPrefix> keys(Addrkit::AddressFamily af) const;
+
+ private:
+  std::unique_ptr<Depot::Table> v4_;
+  std::unique_ptr<Depot::Table> v6_;
+};
+
+}  // namespace depottrie::detail
