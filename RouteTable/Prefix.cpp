@@ -37,7 +37,8 @@ Prefix Prefix::fromBytes(std::span<const std::uint8_t> address, unsigned length)
     throw Error(fmt::format("length {} is longer than an {} address", length, p.family_ == Family::ipv4 ? "IPv4" : "IPv6"));
   std::copy(address.begin(), address.end(), p.bytes_.begin());
   p.length_ = std::uint8_t(length);
-  for (unsigned bit = length; bit < p.maxLength(); ++bit) p.bytes_[bit / 8] &= std::uint8_t(~(0x80u >> (bit % 8)));
+  if (length % 8) p.bytes_[length / 8] &= std::uint8_t(0xFF00u >> (length % 8));
+  std::fill(p.bytes_.begin() + (length + 7) / 8, p.bytes_.end(), 0);
   return p;
 }
 

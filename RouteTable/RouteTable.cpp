@@ -21,6 +21,7 @@
 #include <mutex>
 
 #include "KilnDepot/KilnDepotMap.h"
+#include "RouteTable/ChangeRing.h"
 #include "RouteTable/Convert.h"
 #include "RouteTable/Internal.h"
 #include "RouteTable/ValueTable.h"
@@ -98,10 +99,16 @@ IpGenPrefix familyRoot(AddressFamily af) {
 
 struct RouteTable::Impl {
   std::string name;
+  std::string root;
   bool writer = false;
   Basis::Ptr<Trie> trie;
   detail::ValueTables values;
   std::unique_ptr<ConsistentReader> reader;
+  // The change feed (writer only): the next change's number, and the
+  // families whose changes the feed lacks until a gap entry says so.
+  std::unique_ptr<detail::ChangeRing> ring;
+  U64 nextChange = 1;
+  bool gap[2] = {false, false};
   mutable std::mutex mutex;
   // Scratch space of the batched and collecting reads (under the lock).
   std::vector<IpGenPrefix> queries, answers;
@@ -117,6 +124,43 @@ struct RouteTable::Impl {
   }
 
   bool stored(const IpGenPrefix& p) const { return trie->longestMatch(p) == p; }
+
+  // Announces a change just made (its update counted) in the feed. A feed
+  // that cannot be written does not undo the change: the family's next
+  // announcement is preceded by a gap entry instead.
+  void announce(Change::Kind kind, const Route& route, AddressFamily af) {
+    bool& lacking = gap[af == AddressFamily::ipv6];
+    const U64 updates = binding(af).updateCounter() / 2;
+    try {
+      if (lacking) writeGap(af, updates - 1);
+      ring->write({nextChange, kind, route, updates});
+      ++nextChange;
+    } catch (const std::exception& e) {
+      lacking = true;
+      binding(af).debug().logf(0, "route table {}: change {} not announced: {}", name, nextChange, e.what());
+    }
+  }
+  // A gap entry of a family: its changes up to `updates` are not all in the
+  // feed. The route's prefix is the family's /0.
+  void writeGap(AddressFamily af, U64 updates) {
+    ring->write({nextChange, Change::Kind::gap, {af == AddressFamily::ipv4 ? "0.0.0.0/0" : "::/0", 0}, updates});
+    ++nextChange;
+    gap[af == AddressFamily::ipv6] = false;
+  }
+  // A family whose updates went further than its last announced change
+  // (changed through the Trie layer, or by a writer killed in between) gets
+  // a gap entry.
+  void openFeed(U64 entries, unsigned mode) {
+    ring = detail::ChangeRing::writer(name, root, mode, entries);
+    const detail::ChangeRing::Newest newest = ring->newest();
+    nextChange = newest.number + 1;
+    for (const AddressFamily af : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+      const std::optional<Change>& last = af == AddressFamily::ipv4 ? newest.ipv4 : newest.ipv6;
+      const U64 updates = binding(af).updateCounter() / 2;
+      if (last ? last->update != updates : updates != 0) writeGap(af, updates);
+    }
+  }
+
   Route route(const IpGenPrefix& p) const { return {detail::fromGen(p), values.value(p)}; }
   std::optional<Route> routeIf(const IpGenPrefix& p) const {
     if (p.isEmpty()) return std::nullopt;
@@ -235,11 +279,13 @@ RouteTable RouteTable::openWriter(std::string_view name, const Options& options)
     impl->name = name;
     impl->writer = true;
     const auto m = mountOptions(options);
+    impl->root = m.root;
     impl->trie = Routing::Lattice::trieWriterNew(impl->name, m);
     impl->values = detail::ValueTables::writer(impl->name, m.root, m.mode, m.ipv4Prefixes, m.ipv6Prefixes);
     impl->reader = std::make_unique<ConsistentReader>(*impl->trie);
     impl->reconcile(AddressFamily::ipv4);
     impl->reconcile(AddressFamily::ipv6);
+    impl->openFeed(options.changeFeedEntries, m.mode);
     return RouteTable(std::move(impl));
   });
 }
@@ -249,6 +295,7 @@ RouteTable RouteTable::openReader(std::string_view name, const Options& options)
     auto impl = std::make_unique<Impl>();
     impl->name = name;
     const auto m = mountOptions(options);
+    impl->root = m.root;
     impl->trie = Routing::Lattice::trieReaderNew(impl->name, m);
     impl->values = detail::ValueTables::reader(impl->name, m.root);
     impl->reader = std::make_unique<ConsistentReader>(*impl->trie);
@@ -267,6 +314,8 @@ void RouteTable::drop(std::string_view name, const Options& options) {
     // The trie's tables go last: while they exist, so does the table.
     for (const Depot::TablePath& file : detail::ValueTables::files(n, m.root))
       if (Depot::sharedTableExists(file)) Depot::sharedTableDrop(file);
+    if (const Depot::TablePath ring = detail::ChangeRing::path(n, m.root); Depot::sharedTableExists(ring))
+      Depot::sharedTableDrop(ring);
     Routing::Lattice::trieDrop(n, m);
   });
 }
@@ -285,12 +334,15 @@ bool RouteTable::insert(const Prefix& prefix, std::uint64_t value) {
     const IpGenPrefix g = detail::toGen(prefix);
     const bool isNew = !t.stored(g);
     if (!isNew && t.values.find(g) == value) return false;
-    KilnDepot::UpdateBracket update(t.binding(g.af()));
-    if (isNew) {
-      if (g.af() == AddressFamily::ipv4) Routing::Lattice::prefixIs4(t.trie.ptr(), g.v4());
-      else Routing::Lattice::prefixIs6(t.trie.ptr(), g.v6());
+    {
+      KilnDepot::UpdateBracket update(t.binding(g.af()));
+      if (isNew) {
+        if (g.af() == AddressFamily::ipv4) Routing::Lattice::prefixIs4(t.trie.ptr(), g.v4());
+        else Routing::Lattice::prefixIs6(t.trie.ptr(), g.v6());
+      }
+      t.values.write(g, value);
     }
-    t.values.write(g, value);
+    t.announce(isNew ? Change::Kind::added : Change::Kind::valueChanged, {prefix, value}, g.af());
     return isNew;
   });
 }
@@ -302,13 +354,14 @@ bool RouteTable::erase(const Prefix& prefix) {
   return guarded([&] {
     Impl& t = *impl_;
     const IpGenPrefix g = detail::toGen(prefix);
+    const U64 value = t.values.value(g);
     bool removed;
     {
       KilnDepot::UpdateBracket update(t.binding(g.af()));
       removed = g.af() == AddressFamily::ipv4 ? Routing::Lattice::prefixDel4(t.trie.ptr(), g.v4())
                                               : Routing::Lattice::prefixDel6(t.trie.ptr(), g.v6());
     }
-    if (removed) t.values.remove(g);
+    if (removed) t.values.remove(g), t.announce(Change::Kind::removed, {prefix, value}, g.af());
     return removed;
   });
 }
@@ -442,6 +495,42 @@ RouteTable::Iterator& RouteTable::Iterator::operator++() {
     route_ = guarded([&] { return table_->impl_->first(AddressFamily::ipv6); });
   }
   return *this;
+}
+
+struct ChangeFeed::Impl {
+  std::unique_ptr<detail::ChangeRing> ring;
+  U64 next = 1;
+};
+
+ChangeFeed::ChangeFeed(const RouteTable& table) : impl_(std::make_unique<Impl>()) {
+  guarded([&] {
+    impl_->ring = detail::ChangeRing::reader(table.name(), table.impl_->root);
+    if (!impl_->ring)
+      throw Error(fmt::format("route table {} keeps no change feed: no writer of this version has opened it", table.name()));
+    impl_->next = impl_->ring->newest().number + 1;
+  });
+}
+ChangeFeed::ChangeFeed(ChangeFeed&&) noexcept = default;
+ChangeFeed& ChangeFeed::operator=(ChangeFeed&&) noexcept = default;
+ChangeFeed::~ChangeFeed() = default;
+
+ChangeFeed::Changes ChangeFeed::poll(std::size_t max) {
+  return guarded([&] {
+    Changes out;
+    Impl& f = *impl_;
+    while (out.changes.size() < max) {
+      const std::optional<Change> c = f.ring->at(f.next);
+      if (!c || c->number < f.next) break;  // not written yet
+      if (c->number > f.next) {             // written over
+        out.lost = true;
+        f.next = f.ring->newest().number + 1;
+        break;
+      }
+      out.changes.push_back(*c);
+      ++f.next;
+    }
+    return out;
+  });
 }
 
 }  // namespace depottrie

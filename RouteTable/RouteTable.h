@@ -91,6 +91,9 @@ struct Options {
   // starts small and grows, each growth a copy). An existing table keeps its size.
   std::uint64_t ipv4Capacity = 0;
   std::uint64_t ipv6Capacity = 0;
+  // Changes a new table's change feed keeps (see ChangeFeed); an existing
+  // table keeps its own.
+  std::uint64_t changeFeedEntries = 65536;
 };
 
 struct Statistics {
@@ -111,6 +114,8 @@ struct Statistics {
 // Threads: every call locks the object, so one object may be shared by
 // threads; for lookups in parallel, open one reader per thread. A table has
 // one writer at a time across all processes (a second one raises Error).
+class ChangeFeed;
+
 class RouteTable {
  public:
   // Creates the table, or reopens it keeping every route. Raises Error when
@@ -194,7 +199,54 @@ class RouteTable {
  private:
   struct Impl;
   friend struct detail::Access;
+  friend class ChangeFeed;
   explicit RouteTable(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+// One change a table's writer made, numbered from 1 in the order made.
+struct Change {
+  enum class Kind : std::uint8_t {
+    added,         // the route was stored
+    removed,       // the route (with the value it had) was removed
+    valueChanged,  // the stored prefix took the route's value
+    gap,           // changes of the route's family (its /0) were made that the
+                   // feed does not hold (through the Trie layer, or by a writer
+                   // killed before it could announce its last one): list the
+                   // table afresh
+  };
+  std::uint64_t number = 0;
+  Kind kind = Kind::added;
+  Route route;
+  std::uint64_t update = 0;  // the updates of the route's family so far, this one included
+  friend bool operator==(const Change&, const Change&) = default;
+};
+
+// Follows the changes of a table from any process, without a lock: its
+// writer announces each insertion, removal and value change, after making
+// it, in a ring of the table's last Options::changeFeedEntries changes.
+class ChangeFeed {
+ public:
+  // Starts after the latest change. Error when the table keeps no feed
+  // (no writer of this version has opened it).
+  explicit ChangeFeed(const RouteTable& table);
+  ChangeFeed(ChangeFeed&&) noexcept;
+  ChangeFeed& operator=(ChangeFeed&&) noexcept;
+  ~ChangeFeed();
+
+  struct Changes {
+    std::vector<Change> changes;  // oldest first
+    // The writer went round the ring past changes this feed had not read:
+    // they are gone. The feed goes on from the latest change; list the
+    // table afresh (changes read later may already show in that listing).
+    bool lost = false;
+  };
+  // The changes made since the last call (or since the feed started), at
+  // most `max` of them.
+  Changes poll(std::size_t max = 4096);
+
+ private:
+  struct Impl;
   std::unique_ptr<Impl> impl_;
 };
 
