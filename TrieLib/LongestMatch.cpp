@@ -39,16 +39,13 @@ namespace {
                                      trie->name(), family, limit));
 }
 
-// Starts fetching the index entries of key's record, or (records) the
-// record they name; the same in a table alongside keyed alike, if any.
-template <class Map, class Key>
-void fetch(const Map* map, const Key& key, bool records, const Depot::Table* alongside = nullptr) {
+// Starts fetching the index entries of key's record in a table, or
+// (records) the record they name.
+template <class Key>
+void fetch(const Depot::Table& table, const Key& key, bool records) {
   const U8* bytes = reinterpret_cast<const U8*>(&key);
-  for (const Depot::Table* t : {static_cast<const Depot::Table*>(&map->table()), alongside}) {
-    if (!t) continue;
-    if (records) t->prefetchRecord(bytes);
-    else t->prefetch(bytes);
-  }
+  if (records) table.prefetchRecord(bytes);
+  else table.prefetch(bytes);
 }
 
 // Where a descent stands: the longest match so far and the nodes read.
@@ -133,14 +130,16 @@ class Descent4 {
     if (next_ == nullPrefix) finishDown();
   }
   bool done() const { return next_ == nullPrefix; }
-  void fetchNext(bool records) const { fetch(map_, next_, records); }
+  void fetchNext(bool records) const { fetch(map_->table(), next_, records); }
   // Most stored prefixes are /24 to /21, held by nodes keyed by the /24 or
   // the /22 of their addresses: the descent likely ends on one of those,
-  // whose fetch can start before the descent gets there.
-  void fetchLikelyEnd(bool records, const Depot::Table* alongside) const {
+  // whose fetch (in the trie's table, or one keyed alike) can start before
+  // the descent gets there.
+  void fetchLikelyEnd(const Depot::Table& table, bool records) const {
     for (U32 len : {24u, 22u})
-      if (query_.len() >= len) fetch(map_, Key::masked(query_.addrHost(), len), records, alongside);
+      if (query_.len() >= len) fetch(table, Key::masked(query_.addrHost(), len), records);
   }
+  const Depot::Table& table() const { return map_->table(); }
   // Reads the next record: a node on the way down, then neighbours.
   void advance() {
     if (down_) {
@@ -249,13 +248,14 @@ class Descent6 {
     if (next_ == nullPrefix6) end();
   }
   bool done() const { return next_ == nullPrefix6; }
-  void fetchNext(bool records) const { fetch(map_, next_, records); }
+  void fetchNext(bool records) const { fetch(map_->table(), next_, records); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
   // the descent likely ends on the node of one of those.
-  void fetchLikelyEnd(bool records, const Depot::Table* alongside) const {
+  void fetchLikelyEnd(const Depot::Table& table, bool records) const {
     for (U32 len : {64u, 48u})
-      if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records, alongside);
+      if (query_.len() >= len) fetch(table, Key::masked(query_.address(), len), records);
   }
+  const Depot::Table& table() const { return map_->table(); }
   void advance() {
     if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
     std::optional<TrieNode6> found = map_->find(next_);
@@ -290,16 +290,20 @@ class Descent6 {
 };
 
 // One query: each read depends on the one before, but the likely last one
-// can be fetched beside them.
+// (and its record in a table alongside) can be fetched beside them. A
+// record's fetch reads the index entry that names it, so it is started a
+// read after that entry's own fetch, when the entry has likely arrived.
 template <class D>
 Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
                               std::vector<TopEntry<typename D::Key>>* top, const Depot::Table* alongside) {
   D d;
   d.start(trie, query, top);
-  d.fetchLikelyEnd(false, alongside);
-  for (bool first = true; !d.done(); first = false) {
+  d.fetchLikelyEnd(d.table(), false);
+  if (alongside) d.fetchLikelyEnd(*alongside, false);
+  for (U32 step = 0; !d.done(); ++step) {
     d.advance();
-    if (first) d.fetchLikelyEnd(true, alongside);
+    if (step == 0) d.fetchLikelyEnd(d.table(), true);
+    if (step == 1 && alongside) d.fetchLikelyEnd(*alongside, true);
   }
   return d.answer();
 }
