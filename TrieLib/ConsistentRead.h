@@ -7,6 +7,7 @@
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // No consistent answer could be had: the writer stopped in the middle of an
 // update, or the trie kept changing under every run.

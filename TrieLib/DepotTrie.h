@@ -11,6 +11,7 @@
 #include "TrieLib/TrieNode.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Prefix constants, set once when the library loads. The root keys and the
 // null-child markers are the same all-ones host prefix; each default route is

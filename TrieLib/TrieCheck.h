@@ -8,6 +8,7 @@
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Every structural problem of both families, one line each; empty for a sound
 // trie. Checked: both root records exist; every child key names a stored

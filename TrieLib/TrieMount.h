@@ -6,6 +6,7 @@
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Where shared tables live: $DEPOT_ROOT, else /dev/shm/depot.
 std::string depotRoot();

@@ -11,6 +11,7 @@
 #include "Kiln/Type.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 #pragma pack(push, 1)
 

@@ -9,6 +9,7 @@
 #include "Basis/Types.h"
 
 namespace Addrkit {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 enum class AddressFamily : U8 { none = 0, ipv4 = 1, ipv6 = 2 };
 

@@ -14,6 +14,7 @@ class WriteBufferItr;
 }  // namespace Basis
 
 namespace Addrkit {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 #pragma pack(push, 1)
 

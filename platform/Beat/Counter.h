@@ -8,6 +8,7 @@
 #include "Basis/Types.h"
 
 namespace Beat {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 inline constexpr std::string_view defaultSetName = "default";
 

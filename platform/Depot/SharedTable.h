@@ -6,6 +6,7 @@
 #include "Depot/Table.h"
 
 namespace Depot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // A table file that cannot be created, opened or attached: missing,
 // unreadable, truncated, foreign or damaged. The message names the file.

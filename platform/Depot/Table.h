@@ -7,6 +7,7 @@
 #include "Basis/Types.h"
 
 namespace Depot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // How a fixed-size record type is stored byte for byte: its size and where
 // its key lies inside it.

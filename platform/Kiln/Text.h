@@ -7,6 +7,7 @@
 #include "Basis/Types.h"
 
 namespace Kiln {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // The text form of structured values: TYPE(attr=value, attr=value, ...),
 // attributes in declaration order.

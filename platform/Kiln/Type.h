@@ -13,6 +13,7 @@
 #include "Kiln/Entity.h"
 
 namespace Kiln {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Generic field operations of value types and their results.
 enum class FieldOp : U8 { get = 0, set = 1, differsFromDefault = 2, equals = 3 };

@@ -5,6 +5,7 @@
 #include "Kiln/Entity.h"
 
 namespace KilnDepot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 enum class MountStatus : U8 { local = 0, writer = 1, reader = 2, failed = 3 };
 const char* stringValue(MountStatus s);

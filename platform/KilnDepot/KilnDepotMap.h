@@ -15,6 +15,7 @@
 #include "KilnDepot/CollectionControl.h"
 
 namespace KilnDepot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Binds one keyed collection of fixed-size records to an entity attribute:
 // the collection's name ("{entity full name}/{attribute}"), its writer table,
