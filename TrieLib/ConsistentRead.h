@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "TrieLib/DepotTrie.h"
+#include "TrieLib/Export.h"
 
 namespace Routing::Lattice {
 using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // No consistent answer could be had: the writer stopped in the middle of an
 // update, or the trie kept changing under every run.
-class ConsistentReadException : public Basis::Exception {
+class DEPOTTRIE_API ConsistentReadException : public Basis::Exception {
  public:
   using Basis::Exception::Exception;
 };
@@ -31,7 +32,7 @@ struct ConsistentReadOptions {
 // abortWalk answers act as in Trie::preOrderWalk. Errors met by a run that
 // overlapped an update are not reported; the run is repeated.
 // One reader serves one thread; the trie must outlive it.
-class ConsistentReader {
+class DEPOTTRIE_API ConsistentReader {
  public:
   explicit ConsistentReader(const Trie& trie, const ConsistentReadOptions& options = {});
 
@@ -49,7 +50,7 @@ class ConsistentReader {
   U32 lastRuns() const { return lastRuns_; }
 
  private:
-  class Recorder;
+  class DEPOTTRIE_LOCAL Recorder;
   struct WalkEntry {
     Addrkit::IpGenPrefix prefix;
     size_t subtreeEnd;  // the entry after the last one of the same node's subtree
@@ -61,8 +62,8 @@ class ConsistentReader {
 
   template <class Run>
   auto consistently(Addrkit::AddressFamily af, Run&& run);
-  U64 settledCounter(Addrkit::AddressFamily af) const;
-  const KilnDepot::CollectionBinding& tableOf(Addrkit::AddressFamily af) const;
+  DEPOTTRIE_LOCAL U64 settledCounter(Addrkit::AddressFamily af) const;
+  DEPOTTRIE_LOCAL const KilnDepot::CollectionBinding& tableOf(Addrkit::AddressFamily af) const;
 
   const Trie& trie_;
   ConsistentReadOptions options_;

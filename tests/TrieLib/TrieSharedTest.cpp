@@ -78,12 +78,8 @@ TEST(TrieMount, AReaderFollowsTheWriterThroughGrowthAndCannotWrite) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);  // every generation keeps the mode
   EXPECT_EQ(checkTrie(*reader), std::vector<std::string>());
   EXPECT_THROW(reader->prefixIs(IpGenPrefix("1.0.0.0/8")), Depot::AccessException);
-  try {
-    trieWriterNew("T", root.options);
-    ADD_FAILURE() << "a second writer mounted";
-  } catch (const Basis::Exception& e) {
-    EXPECT_THAT(e.what(), HasSubstr("already has a writer"));
-  }
+  EXPECT_THAT([&] { trieWriterNew("T", root.options); },
+              testing::ThrowsMessage<Depot::WriterBusyException>(HasSubstr("already has a writer")));
   EXPECT_THROW(trieDrop("T", root.options), Basis::Exception);
   // A trie that answered from its local table answers from the shared one
   // once mounted, even where both tables' update counters read the same.
