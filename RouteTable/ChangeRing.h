@@ -17,6 +17,7 @@
 #include "RouteTable/RouteTable.h"
 
 namespace depottrie::detail {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 class ChangeRing {
  public:

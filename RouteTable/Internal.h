@@ -5,6 +5,7 @@
 #include "TrieLib/DepotTrie.h"
 
 namespace depottrie::detail {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 struct Access {
   static Routing::Lattice::Trie& trie(RouteTable& t);

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <mutex>
 
+#include "Basis/Debug.h"
 #include "KilnDepot/KilnDepotMap.h"
 #include "RouteTable/ChangeRing.h"
 #include "RouteTable/Convert.h"
@@ -33,6 +34,7 @@
 #include "TrieLib/TrieWalk.h"
 
 namespace depottrie {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 using Addrkit::AddressFamily;
 using Addrkit::IpGenPrefix;

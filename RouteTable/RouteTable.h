@@ -22,6 +22,8 @@
 #include <string_view>
 #include <vector>
 
+#include "TrieLib/Export.h"
+
 namespace depottrie {
 namespace detail {
 struct Access;
@@ -30,7 +32,7 @@ struct Access;
 // Bad text, a reserved prefix, a table that cannot be opened or written, a
 // change asked of a reader. The message says what and where; the table is
 // unchanged.
-class Error : public std::runtime_error {
+class DEPOTTRIE_API Error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -39,7 +41,7 @@ enum class Family : std::uint8_t { ipv4 = 4, ipv6 = 6 };
 
 // An IPv4 or IPv6 prefix: an address and a length, with no address bit set
 // beyond the length. An address is the prefix of its full length (/32, /128).
-class Prefix {
+class DEPOTTRIE_API Prefix {
  public:
   Prefix() = default;  // 0.0.0.0/0
   // "10.0.0.0/8", "192.0.2.1", "2001:db8::/32", "::1". Text that is not a
@@ -75,7 +77,7 @@ class Prefix {
   std::uint8_t length_ = 0;
   Family family_ = Family::ipv4;
 };
-std::ostream& operator<<(std::ostream& os, const Prefix& p);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const Prefix& p);
 
 // A stored prefix and its value (0 for a prefix stored without one).
 struct Route {
@@ -116,7 +118,7 @@ struct Statistics {
 // one writer at a time across all processes (a second one raises Error).
 class ChangeFeed;
 
-class RouteTable {
+class DEPOTTRIE_API RouteTable {
  public:
   // Creates the table, or reopens it keeping every route. Raises Error when
   // another writer has it or its files cannot be used.
@@ -197,7 +199,7 @@ class RouteTable {
   Iterator end() const { return {}; }
 
  private:
-  struct Impl;
+  struct DEPOTTRIE_LOCAL Impl;
   friend struct detail::Access;
   friend class ChangeFeed;
   explicit RouteTable(std::unique_ptr<Impl> impl);
@@ -225,7 +227,7 @@ struct Change {
 // Follows the changes of a table from any process, without a lock: its
 // writer announces each insertion, removal and value change, after making
 // it, in a ring of the table's last Options::changeFeedEntries changes.
-class ChangeFeed {
+class DEPOTTRIE_API ChangeFeed {
  public:
   // Starts after the latest change. Error when the table keeps no feed
   // (no writer of this version has opened it).
@@ -246,7 +248,7 @@ class ChangeFeed {
   Changes poll(std::size_t max = 4096);
 
  private:
-  struct Impl;
+  struct DEPOTTRIE_LOCAL Impl;
   std::unique_ptr<Impl> impl_;
 };
 

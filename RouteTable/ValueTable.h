@@ -21,6 +21,7 @@
 #include "Depot/SharedTable.h"
 
 namespace depottrie::detail {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 class ValueTables {
  public:

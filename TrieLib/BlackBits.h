@@ -9,6 +9,7 @@
 #include "Basis/Types.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // The longest length among the set bits of a non-zero black word.
 inline U32 longestBlack(U32 bits) { return 32 - std::countr_zero(bits); }

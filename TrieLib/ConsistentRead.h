@@ -16,7 +16,7 @@ namespace Routing::Lattice {
 
 // No consistent answer could be had: the writer stopped in the middle of an
 // update, or the trie kept changing under every run.
-class ConsistentReadException : public Basis::Exception {
+class DEPOTTRIE_API ConsistentReadException : public Basis::Exception {
  public:
   using Basis::Exception::Exception;
 };
@@ -36,7 +36,7 @@ struct ConsistentReadOptions {
 // abortWalk answers act as in Trie::preOrderWalk. Errors met by a run that
 // overlapped an update are not reported; the run is repeated.
 // One reader serves one thread; the trie must outlive it.
-class ConsistentReader {
+class DEPOTTRIE_API ConsistentReader {
  public:
   explicit ConsistentReader(const Trie& trie, const ConsistentReadOptions& options = {});
 
@@ -53,7 +53,7 @@ class ConsistentReader {
   // update, and returns its result. Exceptions of runs that overlapped an
   // update are dropped with them.
   template <class Run>
-  auto read(Addrkit::AddressFamily af, Run&& run);
+  DEPOTTRIE_LOCAL auto read(Addrkit::AddressFamily af, Run&& run);
 
   // The update counter (even) under which the last answer was read, and the
   // runs it took.
@@ -61,7 +61,7 @@ class ConsistentReader {
   U32 lastRuns() const { return lastRuns_; }
 
  private:
-  class Recorder;
+  class DEPOTTRIE_LOCAL Recorder;
   struct WalkEntry {
     Addrkit::IpGenPrefix prefix;
     size_t subtreeEnd;  // the entry after the last one of the same node's subtree

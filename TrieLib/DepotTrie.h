@@ -8,34 +8,36 @@
 #include "Beat/Counter.h"
 #include "Kiln/Entity.h"
 #include "KilnDepot/KilnDepotMap.h"
+#include "TrieLib/Export.h"
 #include "TrieLib/TrieNode.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Prefix constants, set once when the library loads. The root keys and the
 // null-child markers are the same all-ones host prefix; each default route is
 // stored under the all-zero host prefix of its family.
-extern const Addrkit::Prefix rootPrefix;      // 255.255.255.255/32
-extern const Addrkit::Ip6Prefix rootPrefix6;  // ffff:...:ffff/128
-extern const Addrkit::Prefix nullPrefix;
-extern const Addrkit::Ip6Prefix nullPrefix6;
-extern const Addrkit::Prefix prefix00;        // 0.0.0.0/0
-extern const Addrkit::Prefix prefix032;       // 0.0.0.0/32, where 0.0.0.0/0 is stored
-extern const Addrkit::Ip6Address zeroAddr;    // ::
-extern const Addrkit::Ip6Prefix prefix006;    // ::/0
-extern const Addrkit::Ip6Prefix prefix0128;   // ::/128, where ::/0 is stored
+extern DEPOTTRIE_API const Addrkit::Prefix rootPrefix;      // 255.255.255.255/32
+extern DEPOTTRIE_API const Addrkit::Ip6Prefix rootPrefix6;  // ffff:...:ffff/128
+extern DEPOTTRIE_API const Addrkit::Prefix nullPrefix;
+extern DEPOTTRIE_API const Addrkit::Ip6Prefix nullPrefix6;
+extern DEPOTTRIE_API const Addrkit::Prefix prefix00;        // 0.0.0.0/0
+extern DEPOTTRIE_API const Addrkit::Prefix prefix032;       // 0.0.0.0/32, where 0.0.0.0/0 is stored
+extern DEPOTTRIE_API const Addrkit::Ip6Address zeroAddr;    // ::
+extern DEPOTTRIE_API const Addrkit::Ip6Prefix prefix006;    // ::/0
+extern DEPOTTRIE_API const Addrkit::Ip6Prefix prefix0128;   // ::/128, where ::/0 is stored
 
 // What a walk callback answers for each delivered prefix; values above 2 act
 // as continueWalk.
 enum WalkAction : U8 { abortWalk = 0, skipSubtree = 1, continueWalk = 2 };
-WalkAction WalkActionInstance(U32 v);
-WalkAction WalkActionInstance(const Basis::String& name);  // RangeException for an unknown name
-std::ostream& operator<<(std::ostream& os, const WalkAction& a);
-void sequenceToValue(Kiln::CharRange& text, WalkAction* out);
-Basis::String stringValue(WalkAction a);
+DEPOTTRIE_API WalkAction WalkActionInstance(U32 v);
+DEPOTTRIE_API WalkAction WalkActionInstance(const Basis::String& name);  // RangeException for an unknown name
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const WalkAction& a);
+DEPOTTRIE_API void sequenceToValue(Kiln::CharRange& text, WalkAction* out);
+DEPOTTRIE_API Basis::String stringValue(WalkAction a);
 
 // Receives the prefixes of a walk; subclass and override handleWalkCallback.
-class TrieWalkCallback : public Basis::Node {
+class DEPOTTRIE_API TrieWalkCallback : public Basis::Node {
  public:
   TrieWalkCallback() { memAllocationTracker_.fetch_add(1, std::memory_order_relaxed); }
   ~TrieWalkCallback() override { memAllocationTracker_.fetch_sub(1, std::memory_order_relaxed); }
@@ -46,11 +48,11 @@ class TrieWalkCallback : public Basis::Node {
 };
 
 class Trie;
-Basis::Ptr<Trie> trieFactory(const Basis::String& name);
+DEPOTTRIE_API Basis::Ptr<Trie> trieFactory(const Basis::String& name);
 
 // The route table entity: IPv4 and IPv6 prefixes in two node collections,
 // "{full name}/trieNode" and "{full name}/trieNode6".
-class Trie : public Kiln::Entity {
+class DEPOTTRIE_API Trie : public Kiln::Entity {
  public:
   enum Field : Kiln::FieldId {
     afId = 258, trieNodeId, ipv4TrieMaxDepthId, trieNode6Id, ipv6TrieMaxDepthId, getRootPrefixId,
@@ -133,17 +135,17 @@ class Trie : public Kiln::Entity {
   void handleParent(Kiln::Entity* parent) override;
 
  private:
-  class TrieZeroReferencesNotifiee;
-  void trieNodeNotify(const Addrkit::Prefix& key);
-  void trieNode6Notify(const Addrkit::Ip6Prefix& key);
-  void trieNodeNotifyQuiesced(bool q);
-  void trieNode6NotifyQuiesced(bool q);
-  void trieNodeNotifyMountStatus();
-  void trieNode6NotifyMountStatus();
-  void publishChange(Kiln::FieldId field, std::any value) const;
+  class DEPOTTRIE_LOCAL TrieZeroReferencesNotifiee;
+  DEPOTTRIE_LOCAL void trieNodeNotify(const Addrkit::Prefix& key);
+  DEPOTTRIE_LOCAL void trieNode6Notify(const Addrkit::Ip6Prefix& key);
+  DEPOTTRIE_LOCAL void trieNodeNotifyQuiesced(bool q);
+  DEPOTTRIE_LOCAL void trieNode6NotifyQuiesced(bool q);
+  DEPOTTRIE_LOCAL void trieNodeNotifyMountStatus();
+  DEPOTTRIE_LOCAL void trieNode6NotifyMountStatus();
+  DEPOTTRIE_LOCAL void publishChange(Kiln::FieldId field, std::any value) const;
   // The top of the trie as longest-match descents last found it (TopOfTrie.h).
-  struct TopOfTrie;
-  TopOfTrie& topOfTrie() const;
+  struct DEPOTTRIE_LOCAL TopOfTrie;
+  DEPOTTRIE_LOCAL TopOfTrie& topOfTrie() const;
 
   Addrkit::AddressFamily af_ = Addrkit::AddressFamily::none;
   TrieNodeMap trieNode_;
@@ -165,7 +167,7 @@ class Trie : public Kiln::Entity {
 
 // Whether each family's default route is stored: prefix00 / prefix006 as an
 // IpGenPrefix, or the empty IpGenPrefix.
-Addrkit::IpGenPrefix checkForPrefix00(const Trie* trie);
-Addrkit::IpGenPrefix checkForPrefix006(const Trie* trie);
+DEPOTTRIE_API Addrkit::IpGenPrefix checkForPrefix00(const Trie* trie);
+DEPOTTRIE_API Addrkit::IpGenPrefix checkForPrefix006(const Trie* trie);
 
 }  // namespace Routing::Lattice

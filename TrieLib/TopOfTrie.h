@@ -19,6 +19,7 @@
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 template <class Key>
 struct TopEntry {

@@ -2,6 +2,7 @@
 
 #include <ostream>
 
+#include "Basis/Debug.h"
 #include "KilnDepot/CollectionControl.h"
 #include "Ringlog/Ringlog.h"
 #include "TrieLib/DepotTrie.h"

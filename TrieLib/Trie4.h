@@ -6,6 +6,7 @@
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Bit of length len (1..32) in a black word: 0x80000000 >> ((len - 1) mod 32).
 // Length 0 wraps onto the bit of length 32.

@@ -6,6 +6,7 @@
 #include "TrieLib/DepotTrie.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Word (len - 1) / 32 and bit 0x80000000 >> ((len - 1) mod 32); length 0
 // wraps onto the bit of length 128.

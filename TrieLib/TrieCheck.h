@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "TrieLib/DepotTrie.h"
+#include "TrieLib/Export.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Every structural problem of both families, one line each; empty for a sound
 // trie. Checked: both root records exist; every child key names a stored
@@ -16,7 +18,7 @@ namespace Routing::Lattice {
 // have two children or none, on the side their key selects; black bits lie
 // on the node's own edge; no node is reached twice or deeper than the
 // family's limit; no record but the default-route record is unreachable.
-std::vector<std::string> checkTrie(const Trie& trie);
+DEPOTTRIE_API std::vector<std::string> checkTrie(const Trie& trie);
 
 struct TrieStats {
   struct Family {
@@ -30,6 +32,6 @@ struct TrieStats {
   Family v6;
 };
 
-TrieStats trieStats(const Trie& trie);
+DEPOTTRIE_API TrieStats trieStats(const Trie& trie);
 
 }  // namespace Routing::Lattice

@@ -14,6 +14,7 @@
 #include "TrieLib/TrieTrace.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Both families reserve two keys: the root record's all-ones key, which is
 // also the empty-child marker (nullKey), and the all-zero host prefix, under

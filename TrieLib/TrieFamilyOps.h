@@ -11,6 +11,7 @@
 #include "TrieLib/TrieWalk.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // ---- Reserved keys ----
 

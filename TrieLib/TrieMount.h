@@ -4,11 +4,13 @@
 #include "Basis/Ptr.h"
 #include "Basis/Types.h"
 #include "TrieLib/DepotTrie.h"
+#include "TrieLib/Export.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Where shared tables live: $DEPOT_ROOT, else /dev/shm/depot.
-std::string depotRoot();
+DEPOTTRIE_API std::string depotRoot();
 
 struct MountOptions {
   std::string root = depotRoot();
@@ -23,11 +25,11 @@ struct MountOptions {
 // A trie whose collections are the shared tables NAME/trieNode and
 // NAME/trieNode6 under root, as their writer (created, or reopened keeping
 // every record). Raises Basis::Exception with a clear message.
-Basis::Ptr<Trie> trieWriterNew(const Basis::String& name, const MountOptions& options = {});
+DEPOTTRIE_API Basis::Ptr<Trie> trieWriterNew(const Basis::String& name, const MountOptions& options = {});
 // The same tables mapped read-only; "no trie named NAME under ROOT" when absent.
-Basis::Ptr<Trie> trieReaderNew(const Basis::String& name, const MountOptions& options = {});
-bool trieExists(const Basis::String& name, const MountOptions& options = {});
+DEPOTTRIE_API Basis::Ptr<Trie> trieReaderNew(const Basis::String& name, const MountOptions& options = {});
+DEPOTTRIE_API bool trieExists(const Basis::String& name, const MountOptions& options = {});
 // Removes the files; refused while a writer has them.
-void trieDrop(const Basis::String& name, const MountOptions& options = {});
+DEPOTTRIE_API void trieDrop(const Basis::String& name, const MountOptions& options = {});
 
 }  // namespace Routing::Lattice

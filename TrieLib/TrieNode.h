@@ -9,15 +9,17 @@
 #include "Basis/Types.h"
 #include "Kiln/Text.h"
 #include "Kiln/Type.h"
+#include "TrieLib/Export.h"
 
 namespace Routing::Lattice {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 #pragma pack(push, 1)
 
 // IPv4 trie node, stored byte for byte: black at 0, key at 4, children at
 // 9, 14, 19 and 24 (29 bytes). Declaration order (key first) governs the
 // text and wire forms; stored order governs the collection.
-class TrieNode {
+class DEPOTTRIE_API TrieNode {
  public:
   TrieNode() : TrieNode(Addrkit::Prefix()) {}
   explicit TrieNode(const Addrkit::Prefix& key);
@@ -68,7 +70,7 @@ class TrieNode {
 
 // IPv6 trie node: black0..black3 at 0..12, key at 16, leftChild at 33,
 // rightChild at 50 (67 bytes).
-class TrieNode6 {
+class DEPOTTRIE_API TrieNode6 {
  public:
   TrieNode6() : TrieNode6(Addrkit::Ip6Prefix()) {}
   explicit TrieNode6(const Addrkit::Ip6Prefix& key);
@@ -111,29 +113,29 @@ static_assert(sizeof(TrieNode) == 29);
 static_assert(sizeof(TrieNode6) == 67);
 
 // Text form: "Routing::Lattice::TrieNode(key=..., black=..., child00=..., ...)".
-std::string stringValue(const TrieNode& n);
-std::string stringValue(const TrieNode6& n);
-std::ostream& operator<<(std::ostream& os, const TrieNode& n);
-std::ostream& operator<<(std::ostream& os, const TrieNode6& n);
+DEPOTTRIE_API std::string stringValue(const TrieNode& n);
+DEPOTTRIE_API std::string stringValue(const TrieNode6& n);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const TrieNode& n);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const TrieNode6& n);
 // Parses a whole string; raises Kiln::ParseException.
-TrieNode strepToValue(const Basis::String& s, TrieNode*);
-TrieNode6 strepToValue(const Basis::String& s, TrieNode6*);
+DEPOTTRIE_API TrieNode strepToValue(const Basis::String& s, TrieNode*);
+DEPOTTRIE_API TrieNode6 strepToValue(const Basis::String& s, TrieNode6*);
 
 // Wire form of TrieNode (protobuf): key 15702, black 18246, child00 8579,
 // child01 8578, child10 8610, child11 8611.
-void readMessageField(Basis::ReadBufferItr& buf, U32 fieldNumber, Basis::WireType wireType, TrieNode& node);
-void readMessage(Basis::ReadBufferItr& buf, TrieNode& node);
-void constructFromPbMessage(TrieNode* node, Basis::ReadBufferItr& buf);
-void writeMessage(Basis::WriteBufferItr& buf, const TrieNode& node);
-void writePbMessage(Basis::WriteBufferItr& buf, const TrieNode& node);
+DEPOTTRIE_API void readMessageField(Basis::ReadBufferItr& buf, U32 fieldNumber, Basis::WireType wireType, TrieNode& node);
+DEPOTTRIE_API void readMessage(Basis::ReadBufferItr& buf, TrieNode& node);
+DEPOTTRIE_API void constructFromPbMessage(TrieNode* node, Basis::ReadBufferItr& buf);
+DEPOTTRIE_API void writeMessage(Basis::WriteBufferItr& buf, const TrieNode& node);
+DEPOTTRIE_API void writePbMessage(Basis::WriteBufferItr& buf, const TrieNode& node);
 
 // Generic field access by field id (TrieNode: 2 key, 3 black, 4 nullChild,
 // 5-8 children, 9 root; TrieNode6: 2 key, 3-6 black words, 7 nullChild,
 // 8 leftChild, 9 rightChild).
-Kiln::FieldResult fieldOp(Kiln::FieldOp op, Kiln::FieldId id, TrieNode& node, std::any& value);
-Kiln::FieldResult fieldOp(Kiln::FieldOp op, Kiln::FieldId id, TrieNode6& node, std::any& value);
+DEPOTTRIE_API Kiln::FieldResult fieldOp(Kiln::FieldOp op, Kiln::FieldId id, TrieNode& node, std::any& value);
+DEPOTTRIE_API Kiln::FieldResult fieldOp(Kiln::FieldOp op, Kiln::FieldId id, TrieNode6& node, std::any& value);
 
 // Registers both record types with the runtime (called once at load).
-void registerTrieNodeTypes();
+DEPOTTRIE_API void registerTrieNodeTypes();
 
 }  // namespace Routing::Lattice

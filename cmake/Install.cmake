@@ -1,39 +1,54 @@
-# Installation: headers under include/ with their in-tree paths, the versioned
-# libDepotTrie.so, the static platform libraries it links publicly (in a
-# private lib/depottrie/ folder, their names being generic), the depottrie
-# tool, a CMake package (find_package(DepotTrie) -> DepotTrie::DepotTrie) and
-# depottrie.pc for pkg-config.
+# Installation: the versioned libDepotTrie.so with the headers of its public
+# interface (in-tree paths under include/), the depottrie tool, a CMake package
+# (find_package(DepotTrie) -> DepotTrie::DepotTrie) and depottrie.pc for
+# pkg-config. The platform libraries are inside libDepotTrie.so and are not
+# installed: a consumer links libDepotTrie and fmt, which the headers use.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(depotPlatformLibs Addrkit Basis Kiln Beat Ringlog Chunker Depot KilnDepot)
 set(depotPackageDir ${CMAKE_INSTALL_LIBDIR}/cmake/DepotTrie)
+
+# The library's public headers and every header they include (the install
+# test compiles them all outside the tree). A header of the platform that is
+# listed here declares part of the public interface: what it declares carries
+# DEPOTTRIE_API.
+set(depotInstalledHeaders
+    TrieLib/DepotTrie.h TrieLib/ConsistentRead.h TrieLib/TrieMount.h TrieLib/TrieCheck.h TrieLib/TrieNode.h
+    TrieLib/Export.h RouteTable/RouteTable.h
+    platform/Addrkit/Address.h platform/Addrkit/Prefix.h
+    platform/Basis/Buffer.h platform/Basis/Exception.h platform/Basis/Ptr.h platform/Basis/Types.h
+    platform/Beat/Counter.h platform/Depot/Table.h
+    platform/Kiln/Entity.h platform/Kiln/Text.h platform/Kiln/Type.h
+    platform/KilnDepot/CollectionControl.h platform/KilnDepot/KilnDepotMap.h)
+foreach(header ${depotInstalledHeaders})
+  get_filename_component(dir ${header} DIRECTORY)
+  string(REGEX REPLACE "^platform/" "" dir ${dir})
+  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir})
+endforeach()
+install(FILES ${PROJECT_BINARY_DIR}/include/TrieLib/Version.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TrieLib)
 
 # The headers need C++20; consumers of the imported target get it too.
 target_compile_features(DepotTrie INTERFACE cxx_std_20)
-
-install(TARGETS DepotTrie ${depotPlatformLibs}
+install(TARGETS DepotTrie
         EXPORT DepotTrieTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}/depottrie
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-foreach(lib ${depotPlatformLibs})
-  install(DIRECTORY platform/${lib} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-endforeach()
-install(DIRECTORY TrieLib DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-install(FILES RouteTable/RouteTable.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/RouteTable)
-
 if(TARGET depottrie)
-  # The installed tool finds the installed library wherever the prefix is.
-  set_target_properties(depottrie PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS depottrie RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 install(EXPORT DepotTrieTargets NAMESPACE DepotTrie:: DESTINATION ${depotPackageDir})
 configure_package_config_file(cmake/DepotTrieConfig.cmake.in ${PROJECT_BINARY_DIR}/DepotTrieConfig.cmake
                               INSTALL_DESTINATION ${depotPackageDir})
+# A 0.x release may change the binary interface with its minor version (see
+# the README), so a 0.x package serves requests for its own MAJOR.MINOR only.
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(depotCompatibility SameMinorVersion)
+else()
+  set(depotCompatibility SameMajorVersion)
+endif()
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/DepotTrieConfigVersion.cmake
-                                 COMPATIBILITY SameMajorVersion)
+                                 COMPATIBILITY ${depotCompatibility})
 install(FILES ${PROJECT_BINARY_DIR}/DepotTrieConfig.cmake ${PROJECT_BINARY_DIR}/DepotTrieConfigVersion.cmake
         DESTINATION ${depotPackageDir})
 

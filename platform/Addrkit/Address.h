@@ -7,8 +7,10 @@
 #include <string_view>
 
 #include "Basis/Types.h"
+#include "TrieLib/Export.h"
 
 namespace Addrkit {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 enum class AddressFamily : U8 { none = 0, ipv4 = 1, ipv6 = 2 };
 
@@ -22,7 +24,7 @@ inline void networkOrder(U32 v, U8* p) {
 }
 
 // IPv4 address, 4 bytes in network order. Ordered as an unsigned number.
-class Ip4Address {
+class DEPOTTRIE_API Ip4Address {
  public:
   Ip4Address() = default;
   static Ip4Address fromHost(U32 v) { Ip4Address a; networkOrder(v, a.b_.data()); return a; }
@@ -41,7 +43,7 @@ class Ip4Address {
 };
 
 // IPv6 address, 16 bytes in network order. Ordered by unsigned bytes.
-class Ip6Address {
+class DEPOTTRIE_API Ip6Address {
  public:
   Ip6Address() = default;
   static Ip6Address fromBytes(const U8* p) { Ip6Address a; std::memcpy(a.b_.data(), p, 16); return a; }
@@ -66,7 +68,7 @@ class Ip6Address {
   std::array<U8, 16> b_{};
 };
 
-std::ostream& operator<<(std::ostream& os, const Ip4Address& a);
-std::ostream& operator<<(std::ostream& os, const Ip6Address& a);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const Ip4Address& a);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const Ip6Address& a);
 
 }  // namespace Addrkit

@@ -6,6 +6,7 @@
 // Text parsing shared by the address and prefix classes; each returns false
 // on text that is not exactly the expected form and allocates nothing.
 namespace Addrkit::parse {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Strict dotted quad: four decimal octets of 1 to 3 digits, each 0 to 255.
 bool ip4(std::string_view text, U8* out);

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "Addrkit/Address.h"
+#include "TrieLib/Export.h"
 
 namespace Basis {
 class ReadBufferItr;
@@ -14,12 +15,13 @@ class WriteBufferItr;
 }  // namespace Basis
 
 namespace Addrkit {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 #pragma pack(push, 1)
 
 // IPv4 prefix: 4-byte address in network order and an 8-bit length; 5 bytes,
 // trivially copyable, stored byte for byte in shared records.
-class Prefix {
+class DEPOTTRIE_API Prefix {
  public:
   Prefix() = default;
   // Raises Basis::RangeException "Addrkit::Prefix::validAsPrefix != true not
@@ -54,7 +56,7 @@ class Prefix {
 };
 
 // IPv6 prefix: 16-byte address in network order and an 8-bit length.
-class Ip6Prefix {
+class DEPOTTRIE_API Ip6Prefix {
  public:
   Ip6Prefix() = default;
   // Raises Basis::RangeException "Addrkit::Ip6Prefix::validAsPrefix != true
@@ -87,7 +89,7 @@ static_assert(sizeof(Ip6Prefix) == 17 && alignof(Ip6Prefix) == 1);
 
 // Either family, tagged. The empty value (family none, address zero, length
 // 0) means "nothing"; it is not 0.0.0.0/0.
-class IpGenPrefix {
+class DEPOTTRIE_API IpGenPrefix {
  public:
   IpGenPrefix() = default;
   IpGenPrefix(const Prefix& p);
@@ -115,18 +117,18 @@ class IpGenPrefix {
   U8 len_ = 0;
 };
 
-std::ostream& operator<<(std::ostream& os, const Prefix& p);
-std::ostream& operator<<(std::ostream& os, const Ip6Prefix& p);
-std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p);
-std::ostream& operator<<(std::ostream& os, AddressFamily af);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const Prefix& p);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const Ip6Prefix& p);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, const IpGenPrefix& p);
+DEPOTTRIE_API std::ostream& operator<<(std::ostream& os, AddressFamily af);
 
 // The embedded protobuf message of a Prefix: field 1 the address (fixed32,
 // host order value), field 2 the length (varint). writeMessage writes the
 // body only; the caller frames it. readMessage reads a body to its end,
 // skipping unknown fields; a result that is not a valid prefix raises
 // Basis::RangeException.
-void writeMessage(Basis::WriteBufferItr& buf, const Prefix& p);
-void readMessage(Basis::ReadBufferItr& body, Prefix& p);
+DEPOTTRIE_API void writeMessage(Basis::WriteBufferItr& buf, const Prefix& p);
+DEPOTTRIE_API void readMessage(Basis::ReadBufferItr& body, Prefix& p);
 
 }  // namespace Addrkit
 

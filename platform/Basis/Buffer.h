@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Basis/Types.h"
+#include "TrieLib/Export.h"
 
 namespace Basis {
 
@@ -14,7 +15,7 @@ enum class WireType : U8 { varint = 0, fixed64 = 1, lengthDelimited = 2, fixed32
 // range is an assertion ("currentIdx_ + len <= len_"); malformed bytes (a
 // varint longer than 10 bytes, an unknown wire type) raise ProtobufException
 // with "Unexpected error when reading Protobuf bytes".
-class ReadBufferItr {
+class DEPOTTRIE_API ReadBufferItr {
  public:
   ReadBufferItr(const U8* data, size_t len) : data_(data), len_(len) {}
 
@@ -41,7 +42,7 @@ class ReadBufferItr {
 };
 
 // Writes protobuf primitives into a growing byte buffer.
-class WriteBufferItr {
+class DEPOTTRIE_API WriteBufferItr {
  public:
   const U8* data() const { return buf_.data(); }
   size_t size() const { return buf_.size(); }

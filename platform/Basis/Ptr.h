@@ -4,24 +4,25 @@
 #include <utility>
 
 #include "Basis/Types.h"
+#include "TrieLib/Export.h"
 
 namespace Basis {
 
 // Base of the change publishers that nodes may carry (Kiln's Publisher).
-class NotifierBase {
+class DEPOTTRIE_API NotifierBase {
  public:
   virtual ~NotifierBase() = default;
 };
 
 // True once the process has said it runs several threads; until then
 // reference counts are changed with plain loads and stores.
-bool threadsActive();
-void threadsActiveIs(bool active);
+DEPOTTRIE_API bool threadsActive();
+DEPOTTRIE_API void threadsActiveIs(bool active);
 
 // Reference-counted base. When the last reference goes, lastUserGone() runs
 // first; if it took a new reference (handing ownership elsewhere) the object
 // lives on, otherwise it is deleted.
-class Node {
+class DEPOTTRIE_API Node {
  public:
   Node() = default;
   Node(const Node&) = delete;

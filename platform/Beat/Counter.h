@@ -6,12 +6,14 @@
 #include <vector>
 
 #include "Basis/Types.h"
+#include "TrieLib/Export.h"
 
 namespace Beat {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 inline constexpr std::string_view defaultSetName = "default";
 
-class Counter {
+class DEPOTTRIE_API Counter {
  public:
   explicit Counter(std::string name) : name_(std::move(name)) {}
   const std::string& name() const { return name_; }
@@ -24,7 +26,7 @@ class Counter {
 };
 
 // A named set of counters. The numeric argument is the set's capacity hint.
-class CounterSet {
+class DEPOTTRIE_API CounterSet {
  public:
   CounterSet(std::string name, U32 sizeHint);
   const std::string& name() const { return name_; }

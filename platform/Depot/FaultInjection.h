@@ -7,6 +7,7 @@
 #include "Basis/Types.h"
 
 namespace Depot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // The nth point from now on fails (n >= 1); with persist, every point after
 // it fails too (a disk that stays full). 0 turns failures off.

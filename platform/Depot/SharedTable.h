@@ -6,26 +6,7 @@
 #include "Depot/Table.h"
 
 namespace Depot {
-
-// A table file that cannot be created, opened or attached: missing,
-// unreadable, truncated, foreign or damaged. The message names the file.
-class SharedFileException : public Basis::Exception {
- public:
-  using Basis::Exception::Exception;
-};
-
-// A second writer for a table whose writer is alive.
-class WriterBusyException : public SharedFileException {
- public:
-  using SharedFileException::SharedFileException;
-};
-
-// A reader waited past its deadline for a writer that is alive but keeps a
-// slot busy (stopped or hung in the middle of writing it).
-class WriterStuckException : public Basis::Exception {
- public:
-  using Basis::Exception::Exception;
-};
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 struct SharedTableOptions {
   U64 capacity = 1024;               // records the first generation holds; the table never shrinks below it

@@ -22,6 +22,7 @@
 #include "Depot/SharedTable.h"
 
 namespace Depot::sharedfile {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 class Directory {
  public:

@@ -15,6 +15,7 @@
 #include "Depot/SharedTableAccess.h"
 
 namespace Depot::sharedfile {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 static_assert(std::endian::native == std::endian::little, "the slot layout assumes a little-endian host");
 static_assert(std::atomic_ref<U64>::is_always_lock_free && std::atomic_ref<U32>::is_always_lock_free);

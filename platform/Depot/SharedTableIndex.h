@@ -25,6 +25,7 @@
 // bind inside it, so they are direct and may be inlined.
 #pragma GCC visibility push(hidden)
 namespace Depot::sharedfile {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // The last n (< 8) bytes of a key as a little-endian word, read without a
 // round trip through memory (which would stall on store forwarding).

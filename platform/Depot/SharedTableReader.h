@@ -33,6 +33,7 @@
 // bind inside it, so they are direct and may be inlined.
 #pragma GCC visibility push(hidden)
 namespace Depot::sharedfile {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)

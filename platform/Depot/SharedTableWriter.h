@@ -16,6 +16,7 @@
 // bind inside it, so they are direct and may be inlined.
 #pragma GCC visibility push(hidden)
 namespace Depot::sharedfile {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Keeps the compiler from moving stores across it. A killed writer stops
 // between two instructions and every store before that point reaches the

@@ -5,8 +5,10 @@
 
 #include "Basis/Exception.h"
 #include "Basis/Types.h"
+#include "TrieLib/Export.h"
 
 namespace Depot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // How a fixed-size record type is stored byte for byte: its size and where
 // its key lies inside it.
@@ -19,29 +21,50 @@ struct RecordLayout {
 
 // Damage detected inside a table (a chain that loops or leaves the table, a
 // slot index out of range, a bad header).
-class CorruptionException : public Basis::Exception {
+class DEPOTTRIE_API CorruptionException : public Basis::Exception {
  public:
   using Basis::Exception::Exception;
 };
 
 // No free slot for a new record: "Depot table full (occupancy:{} tableSize:{}) {}".
-class TableFullException : public Basis::Exception {
+class DEPOTTRIE_API TableFullException : public Basis::Exception {
  public:
   TableFullException(U64 occupancy, U64 tableSize, std::string_view rootPath);
 };
 
 // A write attempted through a table mapped for reading.
-class AccessException : public Basis::Exception {
+class DEPOTTRIE_API AccessException : public Basis::Exception {
+ public:
+  using Basis::Exception::Exception;
+};
+
+// Raised by the shared-memory tables (SharedTable.h), and so by a trie on
+// them. A table file that cannot be created, opened or attached: missing,
+// unreadable, truncated, foreign or damaged. The message names the file.
+class DEPOTTRIE_API SharedFileException : public Basis::Exception {
+ public:
+  using Basis::Exception::Exception;
+};
+
+// A second writer for a table whose writer is alive.
+class DEPOTTRIE_API WriterBusyException : public SharedFileException {
+ public:
+  using SharedFileException::SharedFileException;
+};
+
+// A reader waited past its deadline for a writer that is alive but keeps a
+// slot busy (stopped or hung in the middle of writing it).
+class DEPOTTRIE_API WriterStuckException : public Basis::Exception {
  public:
   using Basis::Exception::Exception;
 };
 
 // Key hash shared by every table implementation (the key's own bytes).
-U64 keyHash(const U8* key, U32 len);
+DEPOTTRIE_API U64 keyHash(const U8* key, U32 len);
 
 // A keyed table of fixed-size records. Records go in and come out as whole
 // copies; absence is a false result, never an exception.
-class Table {
+class DEPOTTRIE_API Table {
  public:
   virtual ~Table() = default;
 
@@ -104,7 +127,7 @@ class Table {
 
 // Process-local table: starts at `entries` slots and doubles when full, up to
 // maxEntries (then TableFullException). Its root path is `name`.
-std::unique_ptr<Table> temporaryTableNew(const RecordLayout& layout, std::string name, U64 entries,
+DEPOTTRIE_API std::unique_ptr<Table> temporaryTableNew(const RecordLayout& layout, std::string name, U64 entries,
                                          U64 maxEntries = U64(1) << 32);
 
 }  // namespace Depot

@@ -4,8 +4,10 @@
 
 #include "Basis/Ptr.h"
 #include "Basis/Types.h"
+#include "TrieLib/Export.h"
 
 namespace Kiln {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 using FieldId = U32;
 
@@ -17,7 +19,7 @@ struct Change {
 };
 
 // Subscriber of a publisher. Inactive notifiees receive nothing.
-class Notifiee {
+class DEPOTTRIE_API Notifiee {
  public:
   virtual ~Notifiee() = default;
   virtual void onChange(const Change&) {}
@@ -32,7 +34,7 @@ class Notifiee {
   bool active_ = false;
 };
 
-class Publisher : public Basis::NotifierBase {
+class DEPOTTRIE_API Publisher : public Basis::NotifierBase {
  public:
   void subscribe(Notifiee* n);
   void unsubscribe(Notifiee* n);
@@ -51,14 +53,14 @@ class Publisher : public Basis::NotifierBase {
  private:
   template <class F>
   void forEachActive(F&& deliver) const;
-  void countChangeSubscribers();
+  DEPOTTRIE_LOCAL void countChangeSubscribers();
   std::vector<Notifiee*> subs_;
   size_t changeSubscribers_ = 0;
   bool everSubscribed_ = false;
 };
 
 // Base of named, reference-counted entities with a parent and a publisher.
-class Entity : public Basis::Node {
+class DEPOTTRIE_API Entity : public Basis::Node {
  public:
   explicit Entity(Basis::String name) : name_(std::move(name)) {}
 

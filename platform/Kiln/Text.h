@@ -5,20 +5,22 @@
 #include "Addrkit/Prefix.h"
 #include "Basis/Exception.h"
 #include "Basis/Types.h"
+#include "TrieLib/Export.h"
 
 namespace Kiln {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // The text form of structured values: TYPE(attr=value, attr=value, ...),
 // attributes in declaration order.
 
-class ParseException : public Basis::Exception {
+class DEPOTTRIE_API ParseException : public Basis::Exception {
  public:
   using Basis::Exception::Exception;
 };
 
 // A consuming cursor over text. Every read either consumes what it reads or
 // raises ParseException naming the position and what was expected there.
-class CharRange {
+class DEPOTTRIE_API CharRange {
  public:
   explicit CharRange(std::string_view text) : text_(text) {}
   // The range only views its text; a temporary string would dangle.
@@ -45,13 +47,13 @@ class CharRange {
   void endValue();
 
  private:
-  [[noreturn]] void fail(std::string_view expected) const;
+  [[noreturn]] DEPOTTRIE_LOCAL void fail(std::string_view expected) const;
   std::string_view text_;
   size_t pos_ = 0;
 };
 
 // Builds the text form.
-class TextWriter {
+class DEPOTTRIE_API TextWriter {
  public:
   explicit TextWriter(std::string_view typeName);
   template <class V>

@@ -9,6 +9,7 @@
 #include "Basis/Types.h"
 
 namespace Kiln {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // A named trace handle with levels 0 to 9. Handles are created on first use
 // and configured from KILN_TRACE ("DepotTrie/0-9,Other/3,7") and by API.

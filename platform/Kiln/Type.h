@@ -11,8 +11,10 @@
 #include "Basis/Buffer.h"
 #include "Basis/Types.h"
 #include "Kiln/Entity.h"
+#include "TrieLib/Export.h"
 
 namespace Kiln {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Generic field operations of value types and their results.
 enum class FieldOp : U8 { get = 0, set = 1, differsFromDefault = 2, equals = 3 };
@@ -33,15 +35,15 @@ struct TypeData {
   std::function<FieldResult(FieldOp, FieldId, void*, std::any&)> fieldOp;
 };
 
-void typeRegister(TypeData t);
+DEPOTTRIE_API void typeRegister(TypeData t);
 // nullptr when no type of that name is registered.
-const TypeData* typeData(std::string_view name);
+DEPOTTRIE_API const TypeData* typeData(std::string_view name);
 // Raises Basis::NotSupportedException "type NAME is not hashable" when the
 // type has no hash hook.
-U64 hashValue(const TypeData& t, const void* value);
+DEPOTTRIE_API U64 hashValue(const TypeData& t, const void* value);
 
 // Enumerations registered by name, with names to values and back.
-class EnumType {
+class DEPOTTRIE_API EnumType {
  public:
   EnumType(std::string name, std::vector<std::pair<U32, std::string>> values)
       : name_(std::move(name)), values_(std::move(values)) {}
@@ -55,7 +57,7 @@ class EnumType {
   std::vector<std::pair<U32, std::string>> values_;
 };
 
-const EnumType& enumRegister(std::string name, std::initializer_list<std::pair<U32, const char*>> values);
-const EnumType* enumType(std::string_view name);
+DEPOTTRIE_API const EnumType& enumRegister(std::string name, std::initializer_list<std::pair<U32, const char*>> values);
+DEPOTTRIE_API const EnumType* enumType(std::string_view name);
 
 }  // namespace Kiln

@@ -3,18 +3,20 @@
 
 #include "Basis/Ptr.h"
 #include "Kiln/Entity.h"
+#include "TrieLib/Export.h"
 
 namespace KilnDepot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 enum class MountStatus : U8 { local = 0, writer = 1, reader = 2, failed = 3 };
-const char* stringValue(MountStatus s);
+DEPOTTRIE_API const char* stringValue(MountStatus s);
 
 class CollectionBinding;
 
 // The control object of one collection: through it the collection is mounted,
 // and, once the entity's users let go, it keeps the entity alive.
 // Allocated from a slab pool.
-class CollectionControl : public Basis::Node {
+class DEPOTTRIE_API CollectionControl : public Basis::Node {
  public:
   explicit CollectionControl(CollectionBinding* binding) : binding_(binding) {}
   ~CollectionControl() override;

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "Basis/Assert.h"
+#include "Basis/Debug.h"
 
 namespace KilnDepot {
 

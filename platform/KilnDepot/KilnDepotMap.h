@@ -9,17 +9,22 @@
 #include <string>
 #include <vector>
 
-#include "Basis/Debug.h"
 #include "Depot/Table.h"
 #include "Kiln/Entity.h"
 #include "KilnDepot/CollectionControl.h"
+#include "TrieLib/Export.h"
+
+namespace Basis {
+class DebugHandler;
+}
 
 namespace KilnDepot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Binds one keyed collection of fixed-size records to an entity attribute:
 // the collection's name ("{entity full name}/{attribute}"), its writer table,
 // its default and scratch records, its control and its change hooks.
-class CollectionBinding {
+class DEPOTTRIE_API CollectionBinding {
  public:
   struct Hooks {
     std::function<void(const U8* key)> keyChanged;
@@ -85,7 +90,7 @@ class CollectionBinding {
   static constexpr U64 localEntries = 100;
 
  private:
-  void localWriterNew();
+  DEPOTTRIE_LOCAL void localWriterNew();
   std::string attributeName_;
   std::string name_;
   Depot::RecordLayout layout_;
@@ -105,7 +110,7 @@ class CollectionBinding {
 // closed however the code inside it leaves: kept when it returns, undone
 // when an exception leaves it (a full device, no memory, a full table), so
 // that the table holds exactly the updates that completed.
-class UpdateBracket {
+class DEPOTTRIE_API UpdateBracket {
  public:
   explicit UpdateBracket(CollectionBinding& binding) : binding_(binding) { binding_.updateBegin(); }
   ~UpdateBracket() {

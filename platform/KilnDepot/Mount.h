@@ -5,6 +5,7 @@
 #include "KilnDepot/KilnDepotMap.h"
 
 namespace KilnDepot {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // The file that holds a collection under a depot root:
 // "{root}/{collection name}". Raises Basis::RangeException for a name that

@@ -7,6 +7,7 @@
 #include "Basis/Types.h"
 
 namespace Ringlog {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Ring file layout (native byte order; one process writes a file, and
 // opening it starts it afresh):

@@ -5,7 +5,7 @@
 #include "Basis/Exception.h"
 
 using namespace Addrkit;
-using Basis::RangeException;
+using Basis::RangeException, Basis::U8, Basis::U32;
 
 // T{text} must raise RangeException quoting the text.
 template <class T>

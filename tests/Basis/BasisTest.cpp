@@ -8,7 +8,7 @@
 #include "Basis/Exception.h"
 #include "Basis/Ptr.h"
 
-using Basis::WireType;
+using Basis::WireType, Basis::U8, Basis::U32, Basis::U64;
 using Bytes = std::basic_string<U8>;
 
 Basis::ReadBufferItr reader(const Bytes& b) { return Basis::ReadBufferItr(b.data(), b.size()); }

@@ -15,6 +15,7 @@
 // Trie node shapes: 29 bytes, 5-byte key at 4 (its last byte shares the slot's sequence word); 67 bytes, 17-byte key
 // at 16. Every byte follows from a key number and a version, so that a record mixed from two writes shows.
 inline const Depot::RecordLayout node4{"test::Node4", 29, 4, 5}, node6{"test::Node6", 67, 16, 17};
+using Basis::U8, Basis::U32, Basis::U64;
 using Rec = std::array<U8, 68>;  // the bytes past the record stay zero
 
 inline Rec recordOf(const Depot::RecordLayout& l, U32 k, U32 version, bool keyFirst = false) {

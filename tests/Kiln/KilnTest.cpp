@@ -5,6 +5,7 @@
 #include "Kiln/Trace.h"
 #include "Kiln/Type.h"
 
+using Basis::U32, Basis::U64;
 using Fields = std::vector<Kiln::FieldId>;
 
 // Records the changes it gets, unsubscribing `drop` on each.

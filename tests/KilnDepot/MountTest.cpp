@@ -6,7 +6,7 @@
 #include "KilnDepot/Mount.h"
 #include "support/TempRoot.h"
 
-using KilnDepot::MountStatus;
+using KilnDepot::MountStatus, Basis::U8, Basis::U32, Basis::U64;
 using Key = std::array<U8, 5>;
 struct Rec { U32 value; Key key; };
 Key key(U8 k) { return {10, 0, 0, k, 32}; }

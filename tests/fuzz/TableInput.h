@@ -10,9 +10,9 @@ namespace tablefuzz {
 // Flag bits of the first byte.
 // Recompute the header checksum over the mutated header, so that mutations
 // reach the size checks and the slots behind a well-formed header.
-constexpr U8 refreshChecksum = 1;
+constexpr Basis::U8 refreshChecksum = 1;
 // The file holds IPv6 node records (else IPv4 node records).
-constexpr U8 ip6Records = 2;
+constexpr Basis::U8 ip6Records = 2;
 
 // The trie's own record layouts.
 inline Depot::RecordLayout nodeLayout(bool ip6) {

@@ -18,7 +18,7 @@
 
 namespace {
 
-using Depot::sharedfile::Header;
+using Depot::sharedfile::Header, Basis::U8, Basis::U64;
 
 std::string tableDir;
 std::string tablePath;

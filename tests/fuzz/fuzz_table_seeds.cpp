@@ -16,7 +16,7 @@
 
 namespace {
 
-using Routing::Lattice::TrieNode;
+using Routing::Lattice::TrieNode, Basis::U8, Basis::U32;
 using Routing::Lattice::TrieNode6;
 
 const char* const keys4[] = {"255.255.255.255/32", "0.0.0.0/32", "10.0.0.0/8", "10.1.0.0/16", "192.168.1.0/24",

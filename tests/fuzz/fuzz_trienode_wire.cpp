@@ -14,7 +14,7 @@
 
 namespace {
 
-using Routing::Lattice::TrieNode;
+using Routing::Lattice::TrieNode, Basis::U8;
 
 constexpr std::string_view pastEndCondition = "currentIdx_ + len <= len_";
 

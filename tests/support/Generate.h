@@ -9,7 +9,7 @@
 
 namespace testkit {
 
-using Addrkit::IpGenPrefix;
+using Addrkit::IpGenPrefix, Basis::U32, Basis::U64;
 
 class PrefixGen {
  public:

@@ -14,7 +14,7 @@
 
 namespace testkit {
 
-using Addrkit::IpGenPrefix;
+using Addrkit::IpGenPrefix, Basis::U32;
 
 // p cut to len bits, same family.
 inline IpGenPrefix cut(const IpGenPrefix& p, U32 len) {

@@ -10,6 +10,7 @@
 #include "TrieLib/TrieMount.h"
 
 namespace DepotTrieTool {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 // Which shared trie a command works on.
 struct Target {

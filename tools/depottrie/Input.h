@@ -10,6 +10,7 @@
 #include "Lines.h"
 
 namespace DepotTrieTool {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 class InputFile {
  public:

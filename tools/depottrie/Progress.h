@@ -6,6 +6,7 @@
 #include "Basis/Types.h"
 
 namespace DepotTrieTool {
+using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 
 class Progress {
  public:
