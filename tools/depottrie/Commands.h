@@ -1,6 +1,8 @@
 #pragma once
-// The subcommands of depottrie. Each returns the process exit status and
-// raises Basis::Exception for a failure that ends it (one line on stderr).
+// The subcommands of depottrie. Each returns the process exit status (0
+// success, 1 failure) and raises Basis::Exception for a failure that ends it
+// (one line on stderr), UsageError for a command line that cannot be carried
+// out (status 2).
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +13,12 @@
 
 namespace DepotTrieTool {
 
+// Arguments that are well-formed but ask for what cannot be done.
+class UsageError : public Basis::RangeException {
+ public:
+  using Basis::RangeException::RangeException;
+};
+
 // Which shared trie a command works on.
 struct Target {
   std::string name = "routes";
@@ -18,13 +26,17 @@ struct Target {
 };
 
 // A prefix or bare address (a host prefix); bad text raises
-// Basis::RangeException "invalid IPv4 prefix 'TEXT'" (IPv6 when it holds ':').
+// Basis::RangeException "invalid IPv4 prefix 'TEXT'[: WHY]" (IPv6 when it
+// holds ':').
 Addrkit::IpGenPrefix prefixFromText(std::string_view text);
 // The keys the trie keeps for itself, which cannot be stored as routes:
 // 0.0.0.0/32, 255.255.255.255/32, ::/128 and the all-ones /128.
 bool reservedPrefix(const Addrkit::IpGenPrefix& p);
 // The storage keys of the default routes, which a successor search refuses.
 bool defaultRouteKey(const Addrkit::IpGenPrefix& p);
+// The order of walks: IPv4 before IPv6, then by address (unsigned), then
+// length (a prefix before those it covers).
+bool prefixLess(const Addrkit::IpGenPrefix& a, const Addrkit::IpGenPrefix& b);
 // Whether outer covers inner (same family, inner at least as long and equal
 // in outer's bits).
 bool covers(const Addrkit::IpGenPrefix& outer, const Addrkit::IpGenPrefix& inner);

@@ -6,6 +6,7 @@
 
 #include "Batch.h"
 #include "Commands.h"
+#include "Progress.h"
 #include "TrieLib/ConsistentRead.h"
 
 namespace DepotTrieTool {
@@ -21,11 +22,12 @@ std::string answerText(const IpGenPrefix& p) { return p.isEmpty() ? "none" : p.s
 // skipping the subtrees that lie beside it.
 class ListingWalk : public Routing::Lattice::TrieWalkCallback {
  public:
-  explicit ListingWalk(const IpGenPrefix& under) : under_(under) {}
+  ListingWalk(const IpGenPrefix& under, Progress& progress) : under_(under), progress_(progress) {}
 
   WalkAction handleWalkCallback(const IpGenPrefix& p) override {
     if (under_.isEmpty() || covers(under_, p)) {
       fmt::print("{}\n", p);
+      progress_.update(0, ++listed_);
       return Routing::Lattice::continueWalk;
     }
     // A prefix above `under` leads towards it; one beside it holds nothing
@@ -35,6 +37,8 @@ class ListingWalk : public Routing::Lattice::TrieWalkCallback {
 
  private:
   IpGenPrefix under_;
+  Progress& progress_;
+  U64 listed_ = 0;
 };
 
 }  // namespace
@@ -61,13 +65,14 @@ int listCommand(const Target& target, const std::string& under, int family) {
     root = prefixFromText(under);
     const int rootFamily = root.af() == AddressFamily::ipv4 ? 4 : 6;
     if (family != 0 && family != rootFamily) {
-      throw Basis::RangeException(fmt::format("--under {} is not an IPv{} prefix", under, family));
+      throw UsageError(fmt::format("--under {} is not an IPv{} prefix", under, family));
     }
     family = rootFamily;
   }
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   Routing::Lattice::ConsistentReader reader(*trie);
-  Basis::Ptr<ListingWalk> walk(new ListingWalk(root));
+  Progress progress("listing", {.items = "prefixes", .streamsToStdout = true});
+  Basis::Ptr<ListingWalk> walk(new ListingWalk(root, progress));
   if (family != 6) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix));
   if (family != 4) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix6));
   return 0;
@@ -76,7 +81,7 @@ int listCommand(const Target& target, const std::string& under, int family) {
 int nextCommand(const Target& target, const std::string& prefix) {
   IpGenPrefix p = prefixFromText(prefix);
   if (defaultRouteKey(p)) {
-    throw Basis::RangeException(fmt::format("{} is where the default route is stored; it cannot start a search", p));
+    throw UsageError(fmt::format("{} is where the default route is stored; it cannot start a search", p));
   }
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   fmt::print("{}\n", answerText(Routing::Lattice::ConsistentReader(*trie).getNext(p)));
