@@ -113,6 +113,13 @@ auto ConsistentReader::consistently(AddressFamily af, Run&& run) {
   }
 }
 
+void ConsistentReader::run(AddressFamily af, const std::function<void()>& read) {
+  consistently(af, [&] {
+    read();
+    return true;
+  });
+}
+
 IpGenPrefix ConsistentReader::lpm(const IpGenPrefix& prefix) {
   if (prefix.af() == AddressFamily::none) return trie_.lpm(prefix);
   return consistently(prefix.af(), [&] { return trie_.lpm(prefix); });

@@ -1,6 +1,7 @@
 #pragma once
 // Queries that answer from one state of the trie between two updates, for
 // readers that share the trie's tables with a writer in another process.
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -41,6 +42,10 @@ class ConsistentReader {
   void longestMatch(std::span<const Addrkit::IpGenPrefix> queries, std::span<Addrkit::IpGenPrefix> answers);
   Addrkit::IpGenPrefix getNext(const Addrkit::IpGenPrefix& prefix);
   void preOrderWalk(const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::IpGenPrefix& subtreeRoot);
+  // Runs read, which only reads the family's records (through the trie or
+  // its table) and starts afresh each time, again until a run overlapped no
+  // update: what it collected then is of one state between two updates.
+  void run(Addrkit::AddressFamily af, const std::function<void()>& read);
 
   // The update counter (even) under which the last answer was read, and the
   // runs it took.

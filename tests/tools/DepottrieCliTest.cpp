@@ -8,9 +8,11 @@
 
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 
 #include "Depot/SharedTableFile.h"
 #include "TrieLib/TrieMount.h"
+#include "support/Process.h"
 #include "support/TempRoot.h"
 
 using testing::HasSubstr;
@@ -75,4 +77,40 @@ TEST(DepottrieCli, AnOverlongLineIsAnErrorOfItsOwnQuotedByItsStart) {
   EXPECT_THAT(load.out, HasSubstr(file + ":2: " + says + std::string(40, '7') + "...'\n"));
   EXPECT_EQ(std::tuple(load.out.size() < 1000, batch.status, batch.out),
             std::tuple(true, 1, "11.0.0.0/8\nerror: line 2: " + says + std::string(40, 'x') + "...'\n10.0.0.0/8\n"));
+}
+
+// lookup - answers each query as it comes while another process, the trie's writer, loads: every answer is of a
+// state between two of its updates. Meanwhile stats names the live writer and a second writer is refused.
+TEST(DepottrieCli, LookupAnswersAStreamOfQueriesWhileAWriterLoads) {
+  testkit::TempRoot root;
+  const std::string shared = "--root " + root.path + " ", answers = root.file("answers");
+  FILE* writer = popen(fmt::format("'{}' {} load --name t - >/dev/null", DEPOTTRIE_BIN, shared).c_str(), "w");
+  ASSERT_TRUE(testkit::eventually([&] { return Routing::Lattice::trieExists("t", {.root = root.path}); }));
+  FILE* reader = popen(fmt::format("'{}' {} lookup --name t - >{}", DEPOTTRIE_BIN, shared, answers).c_str(), "w");
+  auto say = [](FILE* to, const std::string& text) { fputs(text.c_str(), to), fflush(to); };
+  std::vector<std::string> got;
+  auto answered = [&](size_t n) { return testkit::eventually([&] {  // whole lines only
+    std::stringstream text;
+    text << std::ifstream(answers).rdbuf();
+    got.clear();
+    for (std::string line; std::getline(text, line) && !text.eof();) got.push_back(line);
+    return got.size() == n; }); };
+  say(writer, "20.0.0.0/8\n");  // then one query at a time, each answered before the next, until the /8 shows
+  for (size_t asked = 1; asked < 10000 && (got.empty() || got.back() == "20.1.2.3 none"); ++asked) {
+    say(reader, "20.1.2.3\n");
+    ASSERT_TRUE(answered(asked));
+  }
+  EXPECT_EQ(got.back(), "20.1.2.3 20.0.0.0/8");
+  const size_t before = got.size();
+  for (int i = 0; i < 4000; ++i) {
+    say(writer, fmt::format("20.{}.{}.0/24\n", i / 256, i % 256)), say(reader, fmt::format("20.{}.{}.9\n", i / 256, i % 256));
+  }
+  ASSERT_TRUE(answered(before + 4000));
+  for (int i = 0; i < 4000; ++i) {
+    const std::string query = fmt::format("20.{}.{}.9 ", i / 256, i % 256), answer = got[before + i];
+    EXPECT_TRUE(answer == query + "20.0.0.0/8" || answer == query + fmt::format("20.{}.{}.0/24", i / 256, i % 256)) << answer;
+  }
+  EXPECT_THAT(run(shared + "stats --name t").out, testing::Not(HasSubstr(" none\n")));
+  EXPECT_THAT(run(shared + "batch --name t", "add 1.0.0.0/8\\n").out, HasSubstr("already has a writer (pid "));
+  EXPECT_EQ(std::pair(pclose(writer), pclose(reader)), std::pair(0, 0));
 }

@@ -46,7 +46,8 @@ int loadCommand(const Target& target, const std::vector<std::string>& files);
 // trie between two of its writer's updates (ConsistentReader).
 
 // The longest stored prefix covering each query (longestMatch, which also
-// finds an odd-length prefix that lpm misses).
+// finds an odd-length prefix that lpm misses); "-" reads queries from
+// standard input, one a line, answering them as they come.
 int lookupCommand(const Target& target, const std::vector<std::string>& queries);
 // family 0 lists both; under empty lists everything of the family.
 int listCommand(const Target& target, const std::string& under, int family);
@@ -57,7 +58,8 @@ int dropCommand(const Target& target);
 // Times lpm and longestMatch over random addresses inside stored prefixes,
 // per family.
 int benchCommand(const Target& target, U64 count, U64 seed);
-// local: a process-local trie instead of the shared one.
-int batchCommand(const Target& target, bool local);
+// local: a process-local trie instead of the shared one; readOnly: the
+// shared trie as a reader, queries only.
+int batchCommand(const Target& target, bool local, bool readOnly);
 
 }  // namespace DepotTrieTool

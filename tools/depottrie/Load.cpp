@@ -25,6 +25,8 @@ std::string byteText(U64 bytes) {
 // before any of it is inserted, says which are stored (an exact answer),
 // with the chunk's descents overlapping and starting below the top of the
 // trie, which the insertions between single lookups would keep invalidating.
+// A chunk also goes in whenever the input is about to wait, so that routes
+// fed through a pipe are stored as they come.
 class Loader {
  public:
   explicit Loader(Routing::Lattice::Trie& trie) : trie_(trie) { chunk_.reserve(chunkSize); }
@@ -74,7 +76,8 @@ int loadCommand(const Target& target, const std::vector<std::string>& files) {
   const auto start = std::chrono::steady_clock::now();
   {
     Progress progress("loading", {.totalBytes = routeFilesSize(files), .items = "prefixes"});
-    counts = readRouteFiles(files, progress, [&loader](const Route& route) { return loader.add(route); });
+    counts = readRouteFiles(
+        files, progress, [&loader](const Route& route) { return loader.add(route); }, [&loader] { loader.flush(); });
     loader.flush();
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

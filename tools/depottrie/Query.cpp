@@ -6,6 +6,7 @@
 
 #include "Batch.h"
 #include "Commands.h"
+#include "Input.h"
 #include "Progress.h"
 #include "TrieLib/ConsistentRead.h"
 
@@ -41,22 +42,83 @@ class ListingWalk : public Routing::Lattice::TrieWalkCallback {
   U64 listed_ = 0;
 };
 
+// Answers queries in the order given, in batches of the reader's batched
+// longest match: a batch is answered when it is full or when the input is
+// about to wait, so answers stream out as fast as queries come in.
+class Lookups {
+ public:
+  explicit Lookups(Routing::Lattice::ConsistentReader& reader) : reader_(reader) {}
+  void add(std::string_view text) {
+    queries_.emplace_back(text);
+    prefixes_.push_back(prefixFromText(text));
+    if (prefixes_.size() == batchSize) answer();
+  }
+  // A query that cannot be answered: reported after the answers before it.
+  void fail(std::string_view message) {
+    answer();
+    fmt::print(stderr, "depottrie: {}\n", message);
+    std::fflush(stderr);
+    failed_ = true;
+  }
+  void answer() {
+    if (prefixes_.empty()) return;
+    matches_.resize(prefixes_.size());
+    reader_.longestMatch(prefixes_, matches_);
+    for (size_t i = 0; i < prefixes_.size(); ++i) fmt::print("{} {}\n", queries_[i], answerText(matches_[i]));
+    std::fflush(stdout);
+    queries_.clear();
+    prefixes_.clear();
+  }
+  bool failed() const { return failed_; }
+
+ private:
+  static constexpr size_t batchSize = 256;
+  Routing::Lattice::ConsistentReader& reader_;
+  std::vector<std::string> queries_;
+  std::vector<IpGenPrefix> prefixes_;
+  std::vector<IpGenPrefix> matches_;
+  bool failed_ = false;
+};
+
+// Queries from standard input, one a line; blank lines and # comments are
+// passed over.
+void lookupLines(Lookups& lookups) {
+  InputFile in("-");
+  in.beforeWaitIs([&lookups] { lookups.answer(); });
+  std::string line;
+  for (U64 lineNo = 1; in.readLine(line); ++lineNo) {
+    const std::string_view text = trimmed(line);
+    try {
+      if (in.lineTooLong()) throw Basis::RangeException(tooLongMessage(line));
+      if (text.empty() || text[0] == '#') continue;
+      if (text.find_first_of(" \t") != std::string_view::npos)
+        throw Basis::RangeException(fmt::format("one address or prefix a line, not '{}'", text));
+      lookups.add(text);
+    } catch (const Basis::RangeException& e) {
+      lookups.fail(fmt::format("{}:{}: {}", in.displayName(), lineNo, e.what()));
+    }
+  }
+}
+
 }  // namespace
 
 int lookupCommand(const Target& target, const std::vector<std::string>& queries) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   Routing::Lattice::ConsistentReader reader(*trie);
-  int status = 0;
+  Lookups lookups(reader);
   for (const std::string& q : queries) {
+    if (q == "-") {
+      lookupLines(lookups);
+      continue;
+    }
     try {
-      fmt::print("{} {}\n", q, answerText(reader.longestMatch(prefixFromText(q))));
-    } catch (const Basis::Exception& e) {
-      std::fflush(stdout);
-      fmt::print(stderr, "depottrie: {}\n", e.what());
-      status = 1;
+      lookups.add(q);
+    } catch (const Basis::RangeException& e) {
+      lookups.fail(e.what());
     }
   }
-  return status;
+  lookups.answer();
+  return lookups.failed() ? 1 : 0;
 }
 
 int listCommand(const Target& target, const std::string& under, int family) {
@@ -88,11 +150,12 @@ int nextCommand(const Target& target, const std::string& prefix) {
   return 0;
 }
 
-int batchCommand(const Target& target, bool local) {
-  Basis::Ptr<Routing::Lattice::Trie> trie = local ? Routing::Lattice::trieFactory("batch")
-                                                  : Routing::Lattice::trieWriterNew(target.name, target.mount);
+int batchCommand(const Target& target, bool local, bool readOnly) {
+  Basis::Ptr<Routing::Lattice::Trie> trie = local      ? Routing::Lattice::trieFactory("batch")
+                                            : readOnly ? Routing::Lattice::trieReaderNew(target.name, target.mount)
+                                                       : Routing::Lattice::trieWriterNew(target.name, target.mount);
   std::ios::sync_with_stdio(false);
-  return runBatch(*trie, std::cin, stdout, stderr);
+  return runBatch(*trie, std::cin, stdout, stderr, readOnly);
 }
 
 }  // namespace DepotTrieTool

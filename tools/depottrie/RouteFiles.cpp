@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <exception>
 #include <optional>
 #include <string_view>
 
@@ -48,7 +49,8 @@ U64 routeFilesSize(const std::vector<std::string>& files) {
 }
 
 RouteFileCounts readRouteFiles(const std::vector<std::string>& files, Progress& progress,
-                               const std::function<U64(const Route&)>& each) {
+                               const std::function<U64(const Route&)>& each,
+                               const std::function<void()>& beforeWait) {
   RouteFileCounts counts;
   U64 bytesBefore = 0;  // of the files finished
   U64 items = 0;
@@ -58,10 +60,19 @@ RouteFileCounts readRouteFiles(const std::vector<std::string>& files, Progress& 
     progress.print(stderr, fmt::format("depottrie: {}\n", e.what()));
     ++counts.failedFiles;
   };
+  std::exception_ptr waitFailure;  // raised by beforeWait, which belongs to the caller as each() does
   for (const std::string& f : files) {
     std::optional<InputFile> in;
     try {
       in.emplace(f);
+      if (beforeWait) in->beforeWaitIs([&] {
+        try {
+          beforeWait();
+        } catch (...) {
+          waitFailure = std::current_exception();
+          throw;
+        }
+      });
     } catch (const Basis::Exception& e) {
       failed(e);
       continue;
@@ -71,6 +82,7 @@ RouteFileCounts readRouteFiles(const std::vector<std::string>& files, Progress& 
       try {
         if (!in->readLine(line)) break;
       } catch (const Basis::Exception& e) {
+        if (waitFailure) std::rethrow_exception(waitFailure);
         failed(e);
         break;
       }

@@ -26,8 +26,10 @@ U64 routeFilesSize(const std::vector<std::string>& files);
 // (bad prefix, a key the trie reserves, text after the prefix, too long) is
 // reported on standard error as "depottrie: FILE:LINE: REASON" and skipped,
 // and so is a file that cannot be read, with what is wrong; progress counts
-// the bytes read, and items as each returns them.
+// the bytes read, and items as each returns them. beforeWait, when given,
+// is called before each read that may wait for more input (a pipe).
 RouteFileCounts readRouteFiles(const std::vector<std::string>& files, Progress& progress,
-                               const std::function<U64(const Route&)>& each);
+                               const std::function<U64(const Route&)>& each,
+                               const std::function<void()>& beforeWait = {});
 
 }  // namespace DepotTrieTool

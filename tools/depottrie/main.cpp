@@ -123,7 +123,8 @@ int main(int argc, char** argv) {
 
   std::vector<std::string> queries;
   CLI::App* lookup = app.add_subcommand("lookup", "the longest stored prefix covering each address or prefix");
-  lookup->add_option("queries", queries, "addresses or prefixes")->required();
+  lookup->add_option("queries", queries, "addresses or prefixes; - reads them from standard input, one a line")
+      ->required();
   nameOption(lookup);
 
   std::string under;
@@ -148,10 +149,14 @@ int main(int argc, char** argv) {
   nameOption(drop);
 
   bool local = false;
+  bool readOnly = false;
   CLI::App* batch = app.add_subcommand("batch", "run the batch line protocol from standard input");
   CLI::Option* batchName = nameOption(batch);
   CLI::Option* batchMode = modeOption(batch);
-  batch->add_flag("--local", local, "use a process-local trie instead of a shared one")->excludes(batchName, batchMode);
+  CLI::Option* batchLocal =
+      batch->add_flag("--local", local, "use a process-local trie instead of a shared one")->excludes(batchName, batchMode);
+  batch->add_flag("--read-only", readOnly, "queries only, as a reader of a shared trie that another process may be writing")
+      ->excludes(batchLocal, batchMode);
 
   U64 count = 1000000;
   U64 seed = 1;
@@ -178,7 +183,7 @@ int main(int argc, char** argv) {
     if (*stats) return statsCommand(target);
     if (*check) return checkCommand(target);
     if (*drop) return dropCommand(target);
-    if (*batch) return batchCommand(target, local);
+    if (*batch) return batchCommand(target, local, readOnly);
     return benchCommand(target, count, seed);
   } catch (const UsageError& e) {
     return usageError(app, e.what());
