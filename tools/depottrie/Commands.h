@@ -43,17 +43,18 @@ bool covers(const Addrkit::IpGenPrefix& outer, const Addrkit::IpGenPrefix& inner
 
 int loadCommand(const Target& target, const std::vector<std::string>& files);
 // The reader commands (lookup, list, next, bench) answer from a state of the
-// trie between two of its writer's updates (ConsistentReader).
+// trie between two of its writer's updates (ConsistentReader). json: the
+// answers as JSON, one document, or one a line for lookup and list.
 
 // The longest stored prefix covering each query (longestMatch, which also
 // finds an odd-length prefix that lpm misses); "-" reads queries from
 // standard input, one a line, answering them as they come.
-int lookupCommand(const Target& target, const std::vector<std::string>& queries);
+int lookupCommand(const Target& target, const std::vector<std::string>& queries, bool json);
 // family 0 lists both; under empty lists everything of the family.
-int listCommand(const Target& target, const std::string& under, int family);
-int nextCommand(const Target& target, const std::string& prefix);
-int statsCommand(const Target& target);
-int checkCommand(const Target& target);
+int listCommand(const Target& target, const std::string& under, int family, bool json);
+int nextCommand(const Target& target, const std::string& prefix, bool json);
+int statsCommand(const Target& target, bool json);
+int checkCommand(const Target& target, bool json);
 int dropCommand(const Target& target);
 // Times lpm and longestMatch over random addresses inside stored prefixes,
 // per family.

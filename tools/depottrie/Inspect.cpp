@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "Commands.h"
+#include "Json.h"
 #include "Progress.h"
 #include "Depot/SharedTable.h"
 #include "TrieLib/TrieCheck.h"
@@ -30,9 +31,35 @@ std::string writerText(const Depot::SharedTableStats& s) {
   return s.writerAlive ? fmt::format("{}", s.writerPid) : fmt::format("{} (gone)", s.writerPid);
 }
 
+std::string jsonNumbers(const std::vector<U64>& values) {
+  std::vector<std::string> texts;
+  for (U64 v : values) texts.push_back(fmt::format("{}", v));
+  return jsonArray(texts);
+}
+
+// One document: the tables' headers by family, the trie's shape by family.
+void printStatsJson(const Target& target, const TableFigures (&tables)[2], const Routing::Lattice::TrieStats& s) {
+  auto table = [](const TableFigures& t) {
+    const Depot::SharedTableStats& h = t.header;
+    const std::string writer = h.writerPid == 0 ? "null"
+                                                : jsonObject({{"pid", fmt::format("{}", h.writerPid)},
+                                                              {"alive", h.writerAlive ? "true" : "false"}});
+    return jsonObject({{"records", fmt::format("{}", h.occupancy)}, {"capacity", fmt::format("{}", h.capacity)},
+                       {"bytes", fmt::format("{}", t.bytes)}, {"generation", fmt::format("{}", h.generation)},
+                       {"update_counter", fmt::format("{}", h.updateCounter)}, {"writer", writer}});
+  };
+  auto shape = [](const Routing::Lattice::TrieStats::Family& f) {
+    return jsonObject({{"prefixes", fmt::format("{}", f.prefixes)}, {"nodes", fmt::format("{}", f.nodes)},
+                       {"depth_histogram", jsonNumbers(f.depthCount)}});
+  };
+  fmt::print("{}\n", jsonObject({{"trie", jsonString(target.name)}, {"root", jsonString(target.mount.root)},
+                                 {"tables", jsonObject({{"ipv4", table(tables[0])}, {"ipv6", table(tables[1])}})},
+                                 {"shape", jsonObject({{"ipv4", shape(s.v4)}, {"ipv6", shape(s.v6)}})}}));
+}
+
 }  // namespace
 
-int statsCommand(const Target& target) {
+int statsCommand(const Target& target, bool json) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   const TableFigures tables[] = {tableFigures("IPv4", trie->trieNodeMap().table()),
                                  tableFigures("IPv6", trie->trieNode6Map().table())};
@@ -40,6 +67,10 @@ int statsCommand(const Target& target) {
   {
     Progress progress("walking the trie's nodes", {});
     s = Routing::Lattice::trieStats(*trie);
+  }
+  if (json) {
+    printStatsJson(target, tables, s);
+    return 0;
   }
 
   fmt::print("trie {} under {}\n", target.name, target.mount.root);
@@ -75,7 +106,7 @@ int statsCommand(const Target& target) {
   return 0;
 }
 
-int checkCommand(const Target& target) {
+int checkCommand(const Target& target, bool json) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   std::vector<std::string> problems;
   {
@@ -86,9 +117,17 @@ int checkCommand(const Target& target) {
     for (const Depot::Table* t : {&trie->trieNodeMap().table(), &trie->trieNode6Map().table()})
       for (std::string& p : Depot::sharedTableProblems(t->layout(), t->rootPath())) problems.push_back(std::move(p));
   }
-  for (const std::string& p : problems) fmt::print("{}\n", p);
   const U64 r4 = trie->trieNodeMap().table().occupancy();
   const U64 r6 = trie->trieNode6Map().table().occupancy();
+  if (json) {
+    std::vector<std::string> texts;
+    for (const std::string& p : problems) texts.push_back(jsonString(p));
+    fmt::print("{}\n", jsonObject({{"trie", jsonString(target.name)},
+                                   {"records", jsonObject({{"ipv4", fmt::format("{}", r4)}, {"ipv6", fmt::format("{}", r6)}})},
+                                   {"problems", jsonArray(texts)}}));
+    return problems.empty() ? 0 : 1;
+  }
+  for (const std::string& p : problems) fmt::print("{}\n", p);
   if (problems.empty()) {
     fmt::print("trie {}: {} IPv4 and {} IPv6 records, no problems found\n", target.name, r4, r6);
     return 0;

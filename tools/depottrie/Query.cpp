@@ -7,6 +7,7 @@
 #include "Batch.h"
 #include "Commands.h"
 #include "Input.h"
+#include "Json.h"
 #include "Progress.h"
 #include "TrieLib/ConsistentRead.h"
 
@@ -23,11 +24,15 @@ std::string answerText(const IpGenPrefix& p) { return p.isEmpty() ? "none" : p.s
 // skipping the subtrees that lie beside it.
 class ListingWalk : public Routing::Lattice::TrieWalkCallback {
  public:
-  ListingWalk(const IpGenPrefix& under, Progress& progress) : under_(under), progress_(progress) {}
+  ListingWalk(const IpGenPrefix& under, bool json, Progress& progress) : under_(under), json_(json), progress_(progress) {}
 
   WalkAction handleWalkCallback(const IpGenPrefix& p) override {
     if (under_.isEmpty() || covers(under_, p)) {
-      fmt::print("{}\n", p);
+      if (json_) {
+        fmt::print("{}\n", jsonObject({{"prefix", jsonPrefix(p)}}));
+      } else {
+        fmt::print("{}\n", p);
+      }
       progress_.update(0, ++listed_);
       return Routing::Lattice::continueWalk;
     }
@@ -38,6 +43,7 @@ class ListingWalk : public Routing::Lattice::TrieWalkCallback {
 
  private:
   IpGenPrefix under_;
+  const bool json_;
   Progress& progress_;
   U64 listed_ = 0;
 };
@@ -47,7 +53,7 @@ class ListingWalk : public Routing::Lattice::TrieWalkCallback {
 // about to wait, so answers stream out as fast as queries come in.
 class Lookups {
  public:
-  explicit Lookups(Routing::Lattice::ConsistentReader& reader) : reader_(reader) {}
+  Lookups(Routing::Lattice::ConsistentReader& reader, bool json) : reader_(reader), json_(json) {}
   void add(std::string_view text) {
     queries_.emplace_back(text);
     prefixes_.push_back(prefixFromText(text));
@@ -64,7 +70,13 @@ class Lookups {
     if (prefixes_.empty()) return;
     matches_.resize(prefixes_.size());
     reader_.longestMatch(prefixes_, matches_);
-    for (size_t i = 0; i < prefixes_.size(); ++i) fmt::print("{} {}\n", queries_[i], answerText(matches_[i]));
+    for (size_t i = 0; i < prefixes_.size(); ++i) {
+      if (json_) {
+        fmt::print("{}\n", jsonObject({{"query", jsonString(queries_[i])}, {"match", jsonPrefix(matches_[i])}}));
+      } else {
+        fmt::print("{} {}\n", queries_[i], answerText(matches_[i]));
+      }
+    }
     std::fflush(stdout);
     queries_.clear();
     prefixes_.clear();
@@ -74,6 +86,7 @@ class Lookups {
  private:
   static constexpr size_t batchSize = 256;
   Routing::Lattice::ConsistentReader& reader_;
+  const bool json_;
   std::vector<std::string> queries_;
   std::vector<IpGenPrefix> prefixes_;
   std::vector<IpGenPrefix> matches_;
@@ -102,10 +115,10 @@ void lookupLines(Lookups& lookups) {
 
 }  // namespace
 
-int lookupCommand(const Target& target, const std::vector<std::string>& queries) {
+int lookupCommand(const Target& target, const std::vector<std::string>& queries, bool json) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   Routing::Lattice::ConsistentReader reader(*trie);
-  Lookups lookups(reader);
+  Lookups lookups(reader, json);
   for (const std::string& q : queries) {
     if (q == "-") {
       lookupLines(lookups);
@@ -121,7 +134,7 @@ int lookupCommand(const Target& target, const std::vector<std::string>& queries)
   return lookups.failed() ? 1 : 0;
 }
 
-int listCommand(const Target& target, const std::string& under, int family) {
+int listCommand(const Target& target, const std::string& under, int family, bool json) {
   IpGenPrefix root;
   if (!under.empty()) {
     root = prefixFromText(under);
@@ -134,19 +147,24 @@ int listCommand(const Target& target, const std::string& under, int family) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   Routing::Lattice::ConsistentReader reader(*trie);
   Progress progress("listing", {.items = "prefixes", .streamsToStdout = true});
-  Basis::Ptr<ListingWalk> walk(new ListingWalk(root, progress));
+  Basis::Ptr<ListingWalk> walk(new ListingWalk(root, json, progress));
   if (family != 6) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix));
   if (family != 4) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix6));
   return 0;
 }
 
-int nextCommand(const Target& target, const std::string& prefix) {
+int nextCommand(const Target& target, const std::string& prefix, bool json) {
   IpGenPrefix p = prefixFromText(prefix);
   if (defaultRouteKey(p)) {
     throw UsageError(fmt::format("{} is where the default route is stored; it cannot start a search", p));
   }
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  fmt::print("{}\n", answerText(Routing::Lattice::ConsistentReader(*trie).getNext(p)));
+  const IpGenPrefix next = Routing::Lattice::ConsistentReader(*trie).getNext(p);
+  if (json) {
+    fmt::print("{}\n", jsonObject({{"prefix", jsonPrefix(p)}, {"next", jsonPrefix(next)}}));
+  } else {
+    fmt::print("{}\n", answerText(next));
+  }
   return 0;
 }
 

@@ -103,6 +103,10 @@ int main(int argc, char** argv) {
   app.add_option("--trace", trace, "trace levels as in KILN_TRACE, e.g. DepotTrie/0-9")->check(traceSetting);
 
   Target target;
+  bool json = false;
+  auto jsonFlag = [&json](CLI::App* sub, const char* form) {
+    sub->add_flag("--json", json, fmt::format("print JSON: {}", form));
+  };
   auto nameOption = [&target](CLI::App* sub) {
     return sub->add_option("--name,-n", target.name, "trie name")->capture_default_str();
   };
@@ -126,6 +130,7 @@ int main(int argc, char** argv) {
   lookup->add_option("queries", queries, "addresses or prefixes; - reads them from standard input, one a line")
       ->required();
   nameOption(lookup);
+  jsonFlag(lookup, "one object a line, {\"query\":...,\"match\":PREFIX or null}");
 
   std::string under;
   int family = 0;
@@ -133,17 +138,21 @@ int main(int argc, char** argv) {
   list->add_option("--under", under, "only the prefixes under this one")->check(prefixText);
   list->add_option("--family", family, "4 or 6 (default: both)")->check(CLI::IsMember({4, 6}));
   nameOption(list);
+  jsonFlag(list, "one object a line, {\"prefix\":...}");
 
   std::string prefix;
   CLI::App* next = app.add_subcommand("next", "the stored prefix after a prefix (the null prefix of a family gives its first)");
   next->add_option("prefix", prefix, "a prefix, e.g. 10.0.0.0/8 or 255.255.255.255/32")->required()->check(prefixText);
   nameOption(next);
+  jsonFlag(next, "{\"prefix\":...,\"next\":PREFIX or null}");
 
   CLI::App* stats = app.add_subcommand("stats", "records, occupancy, update counter and writer of each table; trie shape");
   nameOption(stats);
+  jsonFlag(stats, "one object");
 
   CLI::App* check = app.add_subcommand("check", "verify the trie's structure; exit status 1 on damage");
   nameOption(check);
+  jsonFlag(check, "one object, the problems as a list");
 
   CLI::App* drop = app.add_subcommand("drop", "remove a trie's shared tables");
   nameOption(drop);
@@ -177,11 +186,11 @@ int main(int argc, char** argv) {
     if (!trace.empty()) Kiln::traceConfigIs(trace);
     if (!root.empty()) target.mount.root = root;
     if (*load) return loadCommand(target, files);
-    if (*lookup) return lookupCommand(target, queries);
-    if (*list) return listCommand(target, under, family);
-    if (*next) return nextCommand(target, prefix);
-    if (*stats) return statsCommand(target);
-    if (*check) return checkCommand(target);
+    if (*lookup) return lookupCommand(target, queries, json);
+    if (*list) return listCommand(target, under, family, json);
+    if (*next) return nextCommand(target, prefix, json);
+    if (*stats) return statsCommand(target, json);
+    if (*check) return checkCommand(target, json);
     if (*drop) return dropCommand(target);
     if (*batch) return batchCommand(target, local, readOnly);
     return benchCommand(target, count, seed);
