@@ -56,6 +56,11 @@ int nextCommand(const Target& target, const std::string& prefix, bool json);
 int statsCommand(const Target& target, bool json);
 int checkCommand(const Target& target, bool json);
 int dropCommand(const Target& target);
+// The stored prefixes against those of a route file (- for standard input):
+// "+ P" for each only the trie holds, "- P" for each only the file holds, in
+// walk order. 0 when they are the same, 1 when they differ, 2 when the file
+// could not be read whole (a bad line, a read error), as diff(1) has it.
+int diffCommand(const Target& target, const std::string& file);
 // Times lpm and longestMatch over random addresses inside stored prefixes,
 // per family.
 int benchCommand(const Target& target, U64 count, U64 seed);

@@ -157,6 +157,13 @@ int main(int argc, char** argv) {
   CLI::App* drop = app.add_subcommand("drop", "remove a trie's shared tables");
   nameOption(drop);
 
+  std::string diffFile;
+  CLI::App* diff = app.add_subcommand(
+      "diff", "the trie against a route file: + for a prefix only the trie holds, - for one only the file holds");
+  diff->add_option("file", diffFile, "a route file as load takes it; - is standard input")->required();
+  diff->footer("Exit status: 0 when they hold the same prefixes, 1 when they differ, 2 on trouble.");
+  nameOption(diff);
+
   bool local = false;
   bool readOnly = false;
   CLI::App* batch = app.add_subcommand("batch", "run the batch line protocol from standard input");
@@ -192,6 +199,7 @@ int main(int argc, char** argv) {
     if (*stats) return statsCommand(target, json);
     if (*check) return checkCommand(target, json);
     if (*drop) return dropCommand(target);
+    if (*diff) return diffCommand(target, diffFile);
     if (*batch) return batchCommand(target, local, readOnly);
     return benchCommand(target, count, seed);
   } catch (const UsageError& e) {
@@ -199,6 +207,6 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     std::fflush(stdout);
     fmt::print(stderr, "depottrie: {}\n", e.what());
-    return 1;
+    return *diff ? 2 : 1;  // diff's 1 says the two differ
   }
 }
