@@ -26,6 +26,9 @@ if(TARGET depottrie)
   # The installed tool finds the installed library wherever the prefix is.
   set_target_properties(depottrie PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(TARGETS depottrie RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES tools/depottrie/depottrie.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES tools/depottrie/depottrie.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME depottrie)
 endif()
 
 install(EXPORT DepotTrieTargets NAMESPACE DepotTrie:: DESTINATION ${depotPackageDir})

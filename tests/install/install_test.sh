@@ -50,7 +50,8 @@ echo "== installed files"
 for f in "$lib/libDepotTrie.so.$version" "$lib/depottrie/libBasis.a" "$lib/depottrie/libKilnDepot.a" \
          "$prefix/include/TrieLib/DepotTrie.h" "$prefix/include/TrieLib/TrieMount.h" "$prefix/include/Basis/Ptr.h" \
          "$prefix/include/Addrkit/Prefix.h" "$lib/cmake/DepotTrie/DepotTrieConfig.cmake" \
-         "$lib/cmake/DepotTrie/DepotTrieConfigVersion.cmake" "$lib/pkgconfig/depottrie.pc"; do
+         "$lib/cmake/DepotTrie/DepotTrieConfigVersion.cmake" "$lib/pkgconfig/depottrie.pc" \
+         "$prefix/share/man/man1/depottrie.1" "$prefix/share/bash-completion/completions/depottrie"; do
   [ -f "$f" ] || fail "missing $f"
 done
 soname=libDepotTrie.so.${version%%.*}
