@@ -24,8 +24,7 @@ TEST(Ip4Address, TextRoundTripsOrderIsUnsignedAndBadTextIsRefused) {
   }
   EXPECT_LT(Ip4Address("127.255.255.255"), Ip4Address("128.0.0.0"));
   for (const char* bad : {"", " ", "1.2.3", "1.2.3.4.", "1.2.3.4.5", "256.0.0.0", "1.2.3.256", "1..2.3", ".1.2.3",
-                          "1.2.3.0004", " 1.2.3.4", "1.2.3.4 ", "+1.2.3.4", "1.2.3.a", "1.2.3.:", "1.2.3.4/8", "::1",
-                          "1.2.3.04", "00.1.2.3"})
+                          "1.2.3.0004", " 1.2.3.4", "1.2.3.4 ", "+1.2.3.4", "1.2.3.a", "1.2.3.:", "1.2.3.4/8", "::1", "01.2.3.4"})
     expectRefused<Ip4Address>(bad);
   for (const char* octal : {"010.1.2.3", "10.1.2.010", "010.0.0.0/8", "::ffff:1.2.3.010"})  // octal 8 to some tools
     EXPECT_THAT([octal] { IpGenPrefix{octal}; }, testing::ThrowsMessage<RangeException>(testing::EndsWith("'010' has a leading zero, which some tools read as octal")));

@@ -63,10 +63,8 @@ def main():
             words[0] = binary
             stdin = "".join(l + "\n" for l in step["in"])
             r = subprocess.run(words, input=stdin.encode(), capture_output=True, timeout=120, cwd=scratch)
-            try:
-                [json.loads(line) for line in r.stdout.decode().splitlines() if "--json" in words]
-            except ValueError as e:
-                sys.exit(f"{step['cmd']}: the output is not JSON: {e}")
+            if "--json" in words:  # each line parses back, or the runner stops here with where it did not
+                [json.loads(line) for line in r.stdout.decode().splitlines()]
             out = r.stdout.decode(errors="replace").replace(root, "@ROOT@").replace(scratch, "@DIR@")
             err = r.stderr.decode(errors="replace").replace(root, "@ROOT@").replace(scratch, "@DIR@")
             want += render(step, step["out"], step["err"], step["exit"])
