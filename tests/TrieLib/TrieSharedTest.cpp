@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/stat.h>
 
 #include "Depot/FaultInjection.h"
 #include "Depot/SharedTable.h"

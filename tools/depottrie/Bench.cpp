@@ -79,7 +79,7 @@ int benchCommand(const Target& target, U64 count, U64 seed) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   Routing::Lattice::ConsistentReader reader(*trie);
   std::mt19937_64 rng(seed);
-  Progress progress("", {});
+  Progress progress("bench", {});
   benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix), "IPv4", count, rng, progress);
   benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix6), "IPv6", count, rng, progress);
   return 0;

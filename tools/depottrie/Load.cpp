@@ -85,8 +85,9 @@ int loadCommand(const Target& target, const std::vector<std::string>& files) {
   const Depot::Table& t4 = trie->trieNodeMap().table();
   const Depot::Table& t6 = trie->trieNode6Map().table();
   const U64 new4 = loader.new4, new6 = loader.new6, present = loader.present, read = new4 + new6 + present;
-  fmt::print("loaded trie {}: {} new prefixes ({} IPv4, {} IPv6), {} already present; {} read in {:.2f} s, {:.0f} prefixes/s\n",
-             target.name, new4 + new6, new4, new6, present, read, seconds, seconds > 0 ? double(read) / seconds : 0.0);
+  fmt::print("loaded trie {}: {} new prefix{} ({} IPv4, {} IPv6), {} already present; {} read in {:.2f} s, {:.0f} prefixes/s\n",
+             target.name, new4 + new6, new4 + new6 == 1 ? "" : "es", new4, new6, present, read, seconds,
+             seconds > 0 ? double(read) / seconds : 0.0);
   fmt::print("records: {} IPv4, {} IPv6; shared memory: {}\n", t4.occupancy(), t6.occupancy(),
              byteText(t4.bytes() + t6.bytes()));
   std::fflush(stdout);

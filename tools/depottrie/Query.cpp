@@ -96,6 +96,7 @@ class Lookups {
 // Queries from standard input, one a line; blank lines and # comments are
 // passed over.
 void lookupLines(Lookups& lookups) {
+  lookups.answer();  // the queries before "-" are not kept waiting for the first line
   InputFile in("-");
   in.beforeWaitIs([&lookups] { lookups.answer(); });
   std::string line;
