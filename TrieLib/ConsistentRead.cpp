@@ -83,51 +83,14 @@ U64 ConsistentReader::settledCounter(AddressFamily af) const {
   }
 }
 
-template <class Run>
-auto ConsistentReader::consistently(AddressFamily af, Run&& run) {
-  const KilnDepot::CollectionBinding& table = tableOf(af);
-  for (U32 runs = 1;; ++runs) {
-    const U64 before = settledCounter(af);
-    try {
-      auto answer = run();
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (table.updateCounter() == before) {
-        lastUpdateCounter_ = before;
-        lastRuns_ = runs;
-        return answer;
-      }
-    } catch (const Basis::Exception&) {
-      // Records read across an update can lead a run astray (a child removed
-      // after its parent was read); only a run that met no update says so.
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (table.updateCounter() == before) throw;
-    }
-    if (runs >= options_.maxRuns)
-      throw ConsistentReadException(fmt::format("trie {}: no consistent answer from {} after {} runs; it kept changing",
-                                                trie_.name(), table.name(), runs));
-    // A writer in the middle of a burst of updates gets time to finish it.
-    if (runs >= options_.quickRetries) {
-      const U32 pause = std::min<U32>(10 * (runs - options_.quickRetries + 1), 1000);
-      std::this_thread::sleep_for(std::chrono::microseconds(pause));
-    }
-  }
-}
-
-void ConsistentReader::run(AddressFamily af, const std::function<void()>& read) {
-  consistently(af, [&] {
-    read();
-    return true;
-  });
-}
-
 IpGenPrefix ConsistentReader::lpm(const IpGenPrefix& prefix) {
   if (prefix.af() == AddressFamily::none) return trie_.lpm(prefix);
-  return consistently(prefix.af(), [&] { return trie_.lpm(prefix); });
+  return read(prefix.af(), [&] { return trie_.lpm(prefix); });
 }
 
 IpGenPrefix ConsistentReader::longestMatch(const IpGenPrefix& prefix) {
   if (prefix.af() == AddressFamily::none) return trie_.longestMatch(prefix);
-  return consistently(prefix.af(), [&] { return trie_.longestMatch(prefix); });
+  return read(prefix.af(), [&] { return trie_.longestMatch(prefix); });
 }
 
 // Groups of one family are answered together and checked against that
@@ -144,7 +107,7 @@ void ConsistentReader::longestMatch(std::span<const IpGenPrefix> queries, std::s
     const auto in = queries.subspan(i, end - i);
     const auto out = answers.subspan(i, end - i);
     if (af == AddressFamily::none) trie_.longestMatch(in, out);
-    else consistently(af, [&] {
+    else read(af, [&] {
       trie_.longestMatch(in, out);
       return true;
     });
@@ -154,12 +117,12 @@ void ConsistentReader::longestMatch(std::span<const IpGenPrefix> queries, std::s
 
 IpGenPrefix ConsistentReader::getNext(const IpGenPrefix& prefix) {
   if (prefix.af() == AddressFamily::none) return trie_.getNext(prefix);
-  return consistently(prefix.af(), [&] { return trie_.getNext(prefix); });
+  return read(prefix.af(), [&] { return trie_.getNext(prefix); });
 }
 
 void ConsistentReader::preOrderWalk(const Basis::Ptr<TrieWalkCallback>& callback, const IpGenPrefix& subtreeRoot) {
   if (subtreeRoot.af() == AddressFamily::none) return;
-  consistently(subtreeRoot.af(), [&] {
+  read(subtreeRoot.af(), [&] {
     Recorder recorder(*this);
     if (subtreeRoot.af() == AddressFamily::ipv4) walkFamily4(&trie_, recorder, subtreeRoot.v4());
     else walkFamily6(&trie_, recorder, subtreeRoot.v6());

@@ -1,8 +1,13 @@
 #pragma once
 // Queries that answer from one state of the trie between two updates, for
 // readers that share the trie's tables with a writer in another process.
-#include <functional>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <span>
+#include <thread>
 #include <vector>
 
 #include "TrieLib/DepotTrie.h"
@@ -42,10 +47,13 @@ class ConsistentReader {
   void longestMatch(std::span<const Addrkit::IpGenPrefix> queries, std::span<Addrkit::IpGenPrefix> answers);
   Addrkit::IpGenPrefix getNext(const Addrkit::IpGenPrefix& prefix);
   void preOrderWalk(const Basis::Ptr<TrieWalkCallback>& callback, const Addrkit::IpGenPrefix& subtreeRoot);
-  // Runs read, which only reads the family's records (through the trie or
-  // its table) and starts afresh each time, again until a run overlapped no
-  // update: what it collected then is of one state between two updates.
-  void run(Addrkit::AddressFamily af, const std::function<void()>& read);
+
+  // Runs `run` (any reads of the af family's table, and of tables its writer
+  // changes only inside that table's updates) until one run overlapped no
+  // update, and returns its result. Exceptions of runs that overlapped an
+  // update are dropped with them.
+  template <class Run>
+  auto read(Addrkit::AddressFamily af, Run&& run);
 
   // The update counter (even) under which the last answer was read, and the
   // runs it took.
@@ -63,8 +71,6 @@ class ConsistentReader {
     size_t own;    // entries of the node's own lengths
   };
 
-  template <class Run>
-  auto consistently(Addrkit::AddressFamily af, Run&& run);
   U64 settledCounter(Addrkit::AddressFamily af) const;
   const KilnDepot::CollectionBinding& tableOf(Addrkit::AddressFamily af) const;
 
@@ -75,5 +81,35 @@ class ConsistentReader {
   std::vector<WalkEntry> walkEntries_;
   std::vector<OpenNode> openNodes_;
 };
+
+template <class Run>
+auto ConsistentReader::read(Addrkit::AddressFamily af, Run&& run) {
+  const KilnDepot::CollectionBinding& table = tableOf(af);
+  for (U32 runs = 1;; ++runs) {
+    const U64 before = settledCounter(af);
+    try {
+      auto answer = run();
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (table.updateCounter() == before) {
+        lastUpdateCounter_ = before;
+        lastRuns_ = runs;
+        return answer;
+      }
+    } catch (const Basis::Exception&) {
+      // Records read across an update can lead a run astray (a child removed
+      // after its parent was read); only a run that met no update says so.
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (table.updateCounter() == before) throw;
+    }
+    if (runs >= options_.maxRuns)
+      throw ConsistentReadException(fmt::format("trie {}: no consistent answer from {} after {} runs; it kept changing",
+                                                trie_.name(), table.name(), runs));
+    // A writer in the middle of a burst of updates gets time to finish it.
+    if (runs >= options_.quickRetries) {
+      const U32 pause = std::min<U32>(10 * (runs - options_.quickRetries + 1), 1000);
+      std::this_thread::sleep_for(std::chrono::microseconds(pause));
+    }
+  }
+}
 
 }  // namespace Routing::Lattice

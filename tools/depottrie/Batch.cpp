@@ -143,14 +143,15 @@ class Session {
   template <class Record, class Map, class Less>
   std::vector<Record> collect(Addrkit::AddressFamily af, const Map& map, Less&& less) {
     std::vector<Record> all;
-    auto read = [&] {
+    auto collectAll = [&] {
       all.clear();
       for (auto it = map.begin(); it.valid(); it.advance()) all.push_back(*it);
+      return true;
     };
     if (reader_) {
-      reader_->run(af, read);
+      reader_->read(af, collectAll);
     } else {
-      read();
+      collectAll();
     }
     std::sort(all.begin(), all.end(), less);
     return all;
