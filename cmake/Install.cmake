@@ -35,6 +35,9 @@ install(TARGETS DepotTrie
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 if(TARGET depottrie)
   install(TARGETS depottrie RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES tools/depottrie/depottrie.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES tools/depottrie/depottrie.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME depottrie)
 endif()
 
 install(EXPORT DepotTrieTargets NAMESPACE DepotTrie:: DESTINATION ${depotPackageDir})

@@ -26,10 +26,24 @@ bool ip4(std::string_view text, U8* out) {
     const size_t start = i;
     unsigned v = 0;
     while (i < text.size() && i - start < 3 && isDigit(text[i])) v = v * 10 + unsigned(text[i++] - '0');
-    if (i == start || v > 255) return false;
+    if (i == start || v > 255 || (text[start] == '0' && i - start > 1)) return false;
     out[part] = U8(v);
   }
   return i == text.size();
+}
+
+std::string leadingZeroNote(std::string_view text) {
+  text = text.substr(0, text.find('/'));
+  for (size_t i = 0; i < text.size(); ++i) {
+    const bool octetStart = i == 0 || text[i - 1] == '.' || text[i - 1] == ':';
+    if (!octetStart || text[i] != '0' || i + 1 == text.size() || !isDigit(text[i + 1])) continue;
+    size_t end = i;
+    while (end < text.size() && isDigit(text[end])) ++end;
+    // Only a dotted octet: "0012" in an IPv6 group is plain hexadecimal.
+    if ((end < text.size() && text[end] == '.') || (i > 0 && text[i - 1] == '.'))
+      return fmt::format(": '{}' has a leading zero, which some tools read as octal", text.substr(i, end - i));
+  }
+  return {};
 }
 
 bool ip6(std::string_view text, U8* out) {
@@ -56,7 +70,7 @@ bool length(std::string_view text, U32 max, U32& out) {
 
 Ip4Address::Ip4Address(std::string_view text) {
   if (!parse::ip4(text, b_.data())) {
-    throw Basis::RangeException(fmt::format("invalid IPv4 address '{}'", text));
+    throw Basis::RangeException(fmt::format("invalid IPv4 address '{}'{}", text, parse::leadingZeroNote(text)));
   }
 }
 
@@ -66,7 +80,7 @@ std::string Ip4Address::stringValue() const {
 
 Ip6Address::Ip6Address(std::string_view text) {
   if (!parse::ip6(text, b_.data())) {
-    throw Basis::RangeException(fmt::format("invalid IPv6 address '{}'", text));
+    throw Basis::RangeException(fmt::format("invalid IPv6 address '{}'{}", text, parse::leadingZeroNote(text)));
   }
 }
 

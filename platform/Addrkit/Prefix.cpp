@@ -46,7 +46,7 @@ U8 parseText(std::string_view text, const char* family, U32 maxLen, bool (*parse
   U32 len = maxLen;
   if (!parseAddr(text.substr(0, slash), addr) ||
       (slash != std::string_view::npos && !parse::length(text.substr(slash + 1), maxLen, len))) {
-    throw Basis::RangeException(fmt::format("invalid {} prefix '{}'", family, text));
+    throw Basis::RangeException(fmt::format("invalid {} prefix '{}'{}", family, text, parse::leadingZeroNote(text)));
   }
   return U8(len);
 }

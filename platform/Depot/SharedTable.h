@@ -46,6 +46,8 @@ struct SharedTableStats {
   U64 fileBytes = 0;      // the file's length
   U64 residentBytes = 0;  // memory the file holds (blocks allocated)
   U64 updateCounter = 0;
+  U32 writerPid = 0;         // the writer the header names (0: none)
+  bool writerAlive = false;  // whether that writer is alive (a killed one stays named)
 };
 
 // A keyed table of fixed-size records in one file, mapped read-write by its

@@ -183,7 +183,9 @@ class SharedTableBase : public SharedTable {
             .tombstones = loadRelaxed(m.header().tombstones),
             .fileBytes = g.fileSize,
             .residentBytes = m.residentBytes(),
-            .updateCounter = loadAcquire(m.header().updateCounter)};
+            .updateCounter = loadAcquire(m.header().updateCounter),
+            .writerPid = loadAcquire(m.header().writerPid),
+            .writerAlive = m.writerAttached()};
   }
 
  protected:

@@ -132,6 +132,12 @@ TraceHandle& traceHandle(std::string_view name) {
   return *r.handles.emplace(std::string(name), std::move(handle)).first->second;
 }
 
+std::vector<std::string> traceSettingHandles(std::string_view setting) {
+  std::vector<std::string> names;
+  for (const auto& entry : parseSetting(setting, "trace setting")) names.push_back(entry.first);
+  return names;
+}
+
 void traceConfigIs(std::string_view setting) {
   const Masks masks = parseSetting(setting, "trace setting");
   Registry& r = registry();

@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Basis/Types.h"
 
@@ -34,6 +35,9 @@ TraceHandle& traceHandle(std::string_view name);
 // LEVELS is a list of digits and ranges ("0-9", "3,7", "4-6"); a bare HANDLE
 // means all levels. A bad setting raises Basis::RangeException naming it.
 void traceConfigIs(std::string_view setting);
+// The handle names a setting names, each once, in order of name; a bad
+// setting raises as traceConfigIs does. Changes nothing.
+std::vector<std::string> traceSettingHandles(std::string_view setting);
 
 // Where finished lines go; an empty sink restores stderr.
 using TraceSink = std::function<void(std::string_view line)>;

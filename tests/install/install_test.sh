@@ -43,6 +43,7 @@ runExample() {
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; fail "cmake --install failed"; }
 
 for f in "$lib/depottrie" "$prefix/include/Depot/SharedTable.h" "$prefix/include/TrieLib/TrieFamily.h"; do [ ! -e "$f" ] || fail "$f installed"; done
+for f in "$prefix/share/man/man1/depottrie.1" "$prefix/share/bash-completion/completions/depottrie"; do [ -f "$f" ] || fail "missing $f"; done
 IFS=. read -r major minor _ <<<"$version"
 soname=libDepotTrie.so.$major && [ "$major" != 0 ] || soname=libDepotTrie.so.0.$minor
 [ "$(readlink "$lib/$soname")" = "libDepotTrie.so.$version" ] || fail "$soname does not link to the versioned library"

@@ -1,68 +1,49 @@
-// The depottrie binary run as a user runs it, for what the session files
-// cannot show: damage made by a writer that is still alive.
+// The depottrie binary run as a user runs it, for what the session files cannot show: damage made behind the
+// tool's back, lines too long to write down, and a reader and a writer process running at once.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
 
 #include "Depot/SharedTableFile.h"
 #include "TrieLib/TrieMount.h"
+#include "support/Process.h"
 #include "support/TempRoot.h"
 
 using testing::HasSubstr;
 
 namespace {
 
-struct Result {
-  int status;
-  std::string out;  // standard output and error together
-};
+struct Result { int status; std::string out; };  // out: standard output and error together
 
 Result run(const std::string& args, const std::string& input = "") {
   FILE* p = popen(fmt::format("printf '{}' | '{}' {} 2>&1", input, DEPOTTRIE_BIN, args).c_str(), "r");
-  Result r{-1, ""};
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+  std::string out;
+  for (int c; (c = fgetc(p)) != EOF;) out += char(c);
   const int rc = pclose(p);
-  r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-  return r;
+  return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, out};
 }
 
 }  // namespace
 
-TEST(DepottrieCli, CheckFindsDamageALiveWriterMadeAndASecondWriterIsRefused) {
-  testkit::TempRoot root;
-  const std::string shared = "--root " + root.path + " ";
-  ASSERT_EQ(run(shared + "batch --name t", "add 10.0.0.0/8\\nadd 11.0.0.0/8\\n").status, 0);
-  Routing::Lattice::MountOptions options;
-  options.root = root.path;
-  auto writer = Routing::Lattice::trieWriterNew("t", options);
-  Routing::Lattice::TrieNode split = writer->trieNode(Addrkit::Prefix("8.0.0.0/6"));
-  split.child01Is(Addrkit::Prefix("9.0.0.0/8"));
-  writer->trieNodeIs(split);
-  const Result damaged = run(shared + "check --name t");
-  EXPECT_EQ(damaged.status, 1);
-  EXPECT_THAT(damaged.out, HasSubstr("child 9.0.0.0/8 is not stored"));
-  const Result second = run(shared + "batch --name t", "add 12.0.0.0/8\\n");
-  EXPECT_EQ(second.status, 1);
-  EXPECT_THAT(second.out, testing::StartsWith("depottrie: "));
-}
-
-// A 0600 trie stays 0600 as the tool, with its default mode, grows it. When the last update's journal is made current
-// again its checksum does not match: the writer refuses the trie, and check says why.
-TEST(DepottrieCli, ATrieKeepsItsModeAndCheckExplainsAJournalItsWriterRefuses) {
+// check names damage that a live writer made to the records and, once that writer is gone, a journal its next
+// writer refuses (the last update's, made current again: its checksum no longer matches); the tool's writer refuses it.
+TEST(DepottrieCli, CheckNamesDamageToTheRecordsAndAJournalTheNextWriterRefuses) {
   testkit::TempRoot root;
   const std::string shared = "--root " + root.path + " ", file = root.file("t/trieNode");
-  std::string adds;  // enough to grow the IPv4 table
-  for (int i = 0; i < 2000; ++i) adds += fmt::format("add {}.{}.0.0/16\\n", 20 + i / 256, i % 256);
-  ASSERT_EQ(run(shared + "batch --name t --mode 0600", "add 10.0.0.0/8\\n").status + run(shared + "batch --name t", adds).status, 0);
-  auto trie = Routing::Lattice::trieReaderNew("t", {.root = root.path}); const Depot::Table& t = trie->trieNodeMap().table();
-  EXPECT_EQ(std::pair(std::filesystem::status(file).permissions(), t.capacity() > 1024), std::pair(std::filesystem::perms(0600), true));
-  auto m = Depot::sharedfile::Mapping::attach(open(file.c_str(), O_RDWR), file, t.layout(), true);
+  ASSERT_EQ(run(shared + "batch --name t --mode 0600", "add 10.0.0.0/8\\nadd 11.0.0.0/8\\n").status, 0);
+  auto writer = Routing::Lattice::trieWriterNew("t", {.root = root.path});
+  Routing::Lattice::TrieNode split = writer->trieNode(Addrkit::Prefix("8.0.0.0/6"));
+  split.child01Is(Addrkit::Prefix("9.0.0.0/8")), writer->trieNodeIs(split);
+  const Result damaged = run(shared + "check --name t");  // and the tool's --mode made it the owner's alone
+  EXPECT_EQ(std::tuple(damaged.status, damaged.out.find("child 9.0.0.0/8 is not stored\n") != std::string::npos, std::filesystem::status(file).permissions()), std::tuple(1, true, std::filesystem::perms(0600)));
+  const Depot::RecordLayout layout = writer->trieNodeMap().table().layout();
+  writer = nullptr;
+  auto m = Depot::sharedfile::Mapping::attach(open(file.c_str(), O_RDWR), file, layout, true);
   m->header().updateCounter |= 1, m->header().journalCount = 1, m.reset();
   const Result check = run(shared + "check --name t"), load = run(shared + "batch --name t", "add 12.0.0.0/8\\n");
   const std::string says = file + ": damaged journal entry 0 of 1 (checksum mismatch): the unfinished update cannot be undone";
@@ -78,4 +59,30 @@ TEST(DepottrieCli, AnOverlongLineIsAnErrorOfItsOwnQuotedByItsStart) {
   EXPECT_THAT(load.out, HasSubstr(file + ":2: " + says + std::string(40, '7') + "...'\n"));
   EXPECT_EQ(std::tuple(load.out.size() < 1000, batch.status, batch.out),
             std::tuple(true, 1, "11.0.0.0/8\nerror: line 2: " + says + std::string(40, 'x') + "...'\n10.0.0.0/8\n"));
+}
+
+// lookup - answers each query before the next comes while a writer process loads; stats names it, a second is refused.
+TEST(DepottrieCli, LookupAnswersAStreamOfQueriesWhileAWriterLoads) {
+  testkit::TempRoot root;
+  const std::string shared = "--root " + root.path + " ", fifo = root.file("queries");
+  FILE* writer = popen(fmt::format("'{}' {} load --name t - >/dev/null", DEPOTTRIE_BIN, shared).c_str(), "w");
+  ASSERT_TRUE(testkit::eventually([&] { return std::filesystem::exists(root.file("t/trieNode6")); }));  // the last made
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  FILE* answers = popen(fmt::format("'{}' {} lookup --name t - <{}", DEPOTTRIE_BIN, shared, fifo).c_str(), "r");
+  FILE* queries = fopen(fifo.c_str(), "w");
+  auto say = [](FILE* to, const std::string& line) { fmt::print(to, "{}\n", line), fflush(to); };
+  auto answer = [&](const std::string& query) {  // a reader that waited for more queries would hang here
+    char line[256] = "";
+    return say(queries, query), std::string(fgets(line, sizeof line, answers) ? line : "the end\n");
+  };
+  for (size_t i = 0, asked = 0; i < 40; ++i) {
+    const std::string query = fmt::format("20.{}.1.1", i), route = fmt::format("20.{}.0.0/16", i);
+    std::string got;
+    for (say(writer, route); (got = answer(query)) == query + " none\n" && ++asked < 100000;) {}
+    ASSERT_EQ(got, query + " " + route + "\n");
+  }
+  EXPECT_THAT(run(shared + "stats --name t").out + run(shared + "batch --name t", "add 1.0.0.0/8\\n").out,
+              testing::AllOf(testing::Not(HasSubstr(" none\n")), HasSubstr("already has a writer (pid ")));
+  fclose(queries);
+  EXPECT_EQ(std::pair(pclose(writer), pclose(answers)), std::pair(0, 0));
 }

@@ -7,8 +7,9 @@ tables), `< text` lines are its standard input, `! text` lines its expected
 standard error, `[exit N]` its expected status (0 when absent), and every
 other line its expected standard output. `#` lines are comments. An expected
 line ending in "..." matches any line that starts with the text before it.
+Every line that a command with --json prints must parse as JSON.
 With --update the file is rewritten with what the tool printed."""
-import os, shlex, subprocess, sys, tempfile
+import json, os, shlex, subprocess, sys, tempfile
 
 
 def parse(lines):
@@ -62,6 +63,8 @@ def main():
             words[0] = binary
             stdin = "".join(l + "\n" for l in step["in"])
             r = subprocess.run(words, input=stdin.encode(), capture_output=True, timeout=120, cwd=scratch)
+            if "--json" in words:  # each line parses back, or the runner stops here with where it did not
+                [json.loads(line) for line in r.stdout.decode().splitlines()]
             out = r.stdout.decode(errors="replace").replace(root, "@ROOT@").replace(scratch, "@DIR@")
             err = r.stderr.decode(errors="replace").replace(root, "@ROOT@").replace(scratch, "@DIR@")
             want += render(step, step["out"], step["err"], step["exit"])

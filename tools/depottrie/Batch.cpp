@@ -3,12 +3,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Commands.h"
 #include "Lines.h"
+#include "TrieLib/ConsistentRead.h"
 
 namespace DepotTrieTool {
 namespace {
@@ -54,14 +56,22 @@ class RecordingWalk : public Routing::Lattice::TrieWalkCallback {
   std::vector<IpGenPrefix> delivered_;
 };
 
+// Runs the commands on the trie itself, or (read-only) only the queries,
+// each through a consistent reader, on a trie whose writer is another
+// process.
 class Session {
  public:
-  Session(Trie& trie, std::FILE* out) : trie_(trie), out_(out) {}
+  Session(Trie& trie, std::FILE* out, bool readOnly) : trie_(trie), out_(out) {
+    if (readOnly) reader_.emplace(trie);
+  }
 
   // Carries out one command; raises Basis::Exception with the reason when the
   // line cannot be carried out, before anything has changed.
   void execute(const std::vector<std::string_view>& w) {
     const std::string_view cmd = w[0];
+    if (reader_ && (cmd == "add" || cmd == "del")) {
+      throw Basis::RangeException(fmt::format("{} changes the trie; this batch is read-only", cmd));
+    }
     if (cmd == "add") {
       if (w.size() != 2) usage("add PREFIX");
       trie_.prefixIs(prefixFromText(w[1]));
@@ -70,14 +80,19 @@ class Session {
       answer(trie_.prefixDel(prefixFromText(w[1])) ? "true" : "false");
     } else if (cmd == "lpm") {
       if (w.size() != 2) usage("lpm PREFIX");
-      answer(prefixText(trie_.lpm(prefixFromText(w[1]))));
+      const IpGenPrefix p = prefixFromText(w[1]);
+      answer(prefixText(reader_ ? reader_->lpm(p) : trie_.lpm(p)));
+    } else if (cmd == "lookup") {
+      if (w.size() != 2) usage("lookup PREFIX");
+      const IpGenPrefix p = prefixFromText(w[1]);
+      answer(prefixText(reader_ ? reader_->longestMatch(p) : trie_.longestMatch(p)));
     } else if (cmd == "next") {
       if (w.size() != 2) usage("next PREFIX");
       IpGenPrefix p = prefixFromText(w[1]);
       if (defaultRouteKey(p)) {
         throw Basis::RangeException(fmt::format("next {}: the default route's storage key cannot start a search", p));
       }
-      answer(prefixText(trie_.getNext(p)));
+      answer(prefixText(reader_ ? reader_->getNext(p) : trie_.getNext(p)));
     } else if (cmd == "visited") {
       if (w.size() != 1) usage("visited");
       answer(fmt::format("{}", trie_.nodesVisitedCount()));
@@ -115,17 +130,39 @@ class Session {
       }
     }
     Basis::Ptr<RecordingWalk> callback(new RecordingWalk(std::move(skip), std::move(abort)));
-    trie_.preOrderWalk(callback, root);
+    if (reader_) {
+      reader_->preOrderWalk(callback, root);
+    } else {
+      trie_.preOrderWalk(callback, root);
+    }
     answer(fmt::format("{}", fmt::join(callback->delivered(), " ")));
   }
 
+  // Every record of the family, sorted; in a read-only batch all of one
+  // state between two updates.
+  template <class Record, class Map, class Less>
+  std::vector<Record> collect(Addrkit::AddressFamily af, const Map& map, Less&& less) {
+    std::vector<Record> all;
+    auto collectAll = [&] {
+      all.clear();
+      for (auto it = map.begin(); it.valid(); it.advance()) all.push_back(*it);
+      return true;
+    };
+    if (reader_) {
+      reader_->read(af, collectAll);
+    } else {
+      collectAll();
+    }
+    std::sort(all.begin(), all.end(), less);
+    return all;
+  }
+
   void records4() {
-    std::vector<TrieNode> all;
-    for (auto it = trie_.trieNodeMap().begin(); it.valid(); it.advance()) all.push_back(*it);
-    std::sort(all.begin(), all.end(), [](const TrieNode& a, const TrieNode& b) {
-      U32 x = a.key().addrHost(), y = b.key().addrHost();
-      return x != y ? x < y : a.key().len() < b.key().len();
-    });
+    const std::vector<TrieNode> all =
+        collect<TrieNode>(Addrkit::AddressFamily::ipv4, trie_.trieNodeMap(), [](const TrieNode& a, const TrieNode& b) {
+          U32 x = a.key().addrHost(), y = b.key().addrHost();
+          return x != y ? x < y : a.key().len() < b.key().len();
+        });
     for (const TrieNode& n : all) {
       answer(fmt::format("{} 0x{:08x} {} {} {} {}", n.key(), n.black(), n.child00(), n.child01(), n.child10(),
                          n.child11()));
@@ -134,14 +171,13 @@ class Session {
   }
 
   void records6() {
-    std::vector<TrieNode6> all;
-    for (auto it = trie_.trieNode6Map().begin(); it.valid(); it.advance()) all.push_back(*it);
-    std::sort(all.begin(), all.end(), [](const TrieNode6& a, const TrieNode6& b) {
-      for (unsigned k = 0; k < 4; ++k) {
-        if (a.key().word(k) != b.key().word(k)) return a.key().word(k) < b.key().word(k);
-      }
-      return a.key().len() < b.key().len();
-    });
+    const std::vector<TrieNode6> all =
+        collect<TrieNode6>(Addrkit::AddressFamily::ipv6, trie_.trieNode6Map(), [](const TrieNode6& a, const TrieNode6& b) {
+          for (unsigned k = 0; k < 4; ++k) {
+            if (a.key().word(k) != b.key().word(k)) return a.key().word(k) < b.key().word(k);
+          }
+          return a.key().len() < b.key().len();
+        });
     for (const TrieNode6& n : all) {
       answer(fmt::format("{} 0x{:08x} 0x{:08x} 0x{:08x} 0x{:08x} {} {}", n.key(), n.black0(), n.black1(), n.black2(),
                          n.black3(), n.leftChild(), n.rightChild()));
@@ -151,16 +187,23 @@ class Session {
 
   Trie& trie_;
   std::FILE* out_;
+  std::optional<Routing::Lattice::ConsistentReader> reader_;
 };
 
 }  // namespace
 
-int runBatch(Trie& trie, std::istream& in, std::FILE* out, std::FILE* err) {
-  Session session(trie, out);
+int runBatch(Trie& trie, std::istream& in, std::FILE* out, std::FILE* err, bool readOnly) {
+  Session session(trie, out, readOnly);
   int status = 0;
   std::string line;
   bool tooLong = false;
-  for (U64 lineNo = 1; readBoundedLine(in, line, tooLong); ++lineNo) {
+  // Answers go out before the session waits for more input, so that a
+  // program can hold a conversation with it over pipes.
+  auto waitFor = [&] {
+    if (in.rdbuf()->in_avail() <= 0) std::fflush(out);
+    return readBoundedLine(in, line, tooLong);
+  };
+  for (U64 lineNo = 1; waitFor(); ++lineNo) {
     std::vector<std::string_view> words = splitWords(line);
     if (words.empty() || words[0].front() == '#') continue;
     try {

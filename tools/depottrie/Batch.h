@@ -6,6 +6,7 @@
 //   add P                        (no output)
 //   del P                        true | false
 //   lpm P                        PREFIX | none
+//   lookup P                     PREFIX | none (the true longest match)
 //   next P                       PREFIX | none
 //   visited                      nodesVisitedCount
 //   walk P [skip Q]... [abort Q]...   delivered prefixes on one line
@@ -17,7 +18,8 @@
 
 namespace DepotTrieTool {
 
-// Returns 1 when any line failed, else 0.
-int runBatch(Routing::Lattice::Trie& trie, std::istream& in, std::FILE* out, std::FILE* err);
+// Returns 1 when any line failed, else 0. readOnly: add and del are line
+// errors and the queries read consistently while another process writes.
+int runBatch(Routing::Lattice::Trie& trie, std::istream& in, std::FILE* out, std::FILE* err, bool readOnly = false);
 
 }  // namespace DepotTrieTool

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "Commands.h"
+#include "Progress.h"
 #include "TrieLib/ConsistentRead.h"
 
 namespace DepotTrieTool {
@@ -41,31 +42,34 @@ IpGenPrefix addressInside(const IpGenPrefix& p, std::mt19937_64& rng) {
 
 template <class Lookup>
 void timeLookups(const std::vector<IpGenPrefix>& queries, const char* family, const char* operation, size_t stored,
-                 Lookup&& lookup) {
+                 Progress& progress, Lookup&& lookup) {
+  progress.stepIs(fmt::format("{} {}", family, operation));
   U64 unanswered = 0;
   auto start = std::chrono::steady_clock::now();
   for (const IpGenPrefix& q : queries) unanswered += lookup(q).isEmpty() ? 1 : 0;
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const double count = double(queries.size());
-  fmt::print("{} {}: {} lookups in {:.3f} s, {:.2f} M lookups/s ({} prefixes stored, {} without an answer)\n", family,
-             operation, queries.size(), seconds, seconds > 0 ? count / seconds / 1e6 : 0.0, stored, unanswered);
+  progress.print(stdout, fmt::format("{} {}: {} lookups in {:.3f} s, {:.2f} M lookups/s ({} prefixes stored, {} without an answer)\n",
+                                     family, operation, queries.size(), seconds, seconds > 0 ? count / seconds / 1e6 : 0.0,
+                                     stored, unanswered));
 }
 
 void benchFamily(Routing::Lattice::ConsistentReader& reader, const IpGenPrefix& familyRoot, const char* family,
-                 U64 count, std::mt19937_64& rng) {
+                 U64 count, std::mt19937_64& rng, Progress& progress) {
+  progress.stepIs(fmt::format("{} queries", family));
   Basis::Ptr<CollectingWalk> walk(new CollectingWalk);
   reader.preOrderWalk(walk, familyRoot);
   const std::vector<IpGenPrefix>& stored = walk->prefixes;
   if (stored.empty()) {
-    fmt::print("{}: no prefixes stored, nothing to look up\n", family);
+    progress.print(stdout, fmt::format("{}: no prefixes stored, nothing to look up\n", family));
     return;
   }
   std::vector<IpGenPrefix> queries;
   queries.reserve(count);
   for (U64 i = 0; i < count; ++i) queries.push_back(addressInside(stored[rng() % stored.size()], rng));
 
-  timeLookups(queries, family, "lpm", stored.size(), [&reader](const IpGenPrefix& q) { return reader.lpm(q); });
-  timeLookups(queries, family, "longestMatch", stored.size(),
+  timeLookups(queries, family, "lpm", stored.size(), progress, [&reader](const IpGenPrefix& q) { return reader.lpm(q); });
+  timeLookups(queries, family, "longestMatch", stored.size(), progress,
               [&reader](const IpGenPrefix& q) { return reader.longestMatch(q); });
 }
 
@@ -75,8 +79,9 @@ int benchCommand(const Target& target, U64 count, U64 seed) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
   Routing::Lattice::ConsistentReader reader(*trie);
   std::mt19937_64 rng(seed);
-  benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix), "IPv4", count, rng);
-  benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix6), "IPv6", count, rng);
+  Progress progress("bench", {});
+  benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix), "IPv4", count, rng, progress);
+  benchFamily(reader, IpGenPrefix(Routing::Lattice::rootPrefix6), "IPv6", count, rng, progress);
   return 0;
 }
 

@@ -55,8 +55,9 @@ void InputFile::start(const std::string& path) {
     if (S_ISDIR(st.st_mode)) throw Basis::SystemException(fmt::format("cannot read {}: {}", path, std::strerror(EISDIR)));
     if (S_ISREG(st.st_mode)) size_ = U64(st.st_size);
   }
-  // Enough bytes to tell xz data from text; a pipe may deliver them piecemeal.
-  while (rawLen_ < sizeof xzMagic && !rawEnd_) {
+  // Enough bytes to tell xz data from text; a pipe may deliver them
+  // piecemeal, and a short first line typed at a terminal is text already.
+  while (rawLen_ < sizeof xzMagic && !rawEnd_ && std::memcmp(raw_.data(), xzMagic, rawLen_) == 0) {
     size_t n = readRaw(raw_.data() + rawLen_, raw_.size() - rawLen_);
     if (n == 0) rawEnd_ = true;
     rawLen_ += n;
@@ -74,6 +75,7 @@ InputFile::~InputFile() {
 }
 
 size_t InputFile::readRaw(U8* buf, size_t n) {
+  if (beforeWait_) beforeWait_();
   for (;;) {
     ssize_t got = ::read(fd_, buf, n);
     if (got >= 0) {

@@ -3,6 +3,7 @@
 // apart by the xz magic bytes, so compressed standard input works too).
 #include <lzma.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,9 @@ class InputFile {
   // the line buffer), and its size (0 when unknown).
   U64 consumed() const { return readBytes_ - (rawLen_ - rawPos_); }
   U64 size() const { return size_; }
+  // Called before each read that may wait for input: a reader that answers
+  // as it reads (lookup -) sends what it has before it waits.
+  void beforeWaitIs(std::function<void()> hook) { beforeWait_ = std::move(hook); }
 
  private:
   // Everything after opening: file kind, size, xz detection.
@@ -55,6 +59,7 @@ class InputFile {
   U64 readBytes_ = 0;
   U64 size_ = 0;
   bool tooLong_ = false;
+  std::function<void()> beforeWait_;
 };
 
 }  // namespace DepotTrieTool

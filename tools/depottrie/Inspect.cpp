@@ -4,30 +4,85 @@
 #include <algorithm>
 
 #include "Commands.h"
+#include "Json.h"
+#include "Progress.h"
 #include "Depot/SharedTable.h"
 #include "TrieLib/TrieCheck.h"
 
 namespace DepotTrieTool {
 namespace {
 
-void printTable(const std::string& label, const Depot::Table& t) {
-  const double used = t.capacity() > 0 ? 100.0 * double(t.occupancy()) / double(t.capacity()) : 0.0;
-  fmt::print("  {:<8} {:>12} {:>12} {:>9.1f}% {:>14}\n", label, t.occupancy(), t.capacity(), used, t.bytes());
+// What the header of one of the trie's tables says: kept by its writer, the
+// same for every process that reads it.
+struct TableFigures {
+  const char* family;
+  Depot::SharedTableStats header;
+  U64 bytes;
+};
+
+TableFigures tableFigures(const char* family, const Depot::Table& t) {
+  const auto* shared = dynamic_cast<const Depot::SharedTable*>(&t);
+  return {family, shared ? shared->stats() : Depot::SharedTableStats{.capacity = t.capacity(), .occupancy = t.occupancy()},
+          t.bytes()};
+}
+
+std::string writerText(const Depot::SharedTableStats& s) {
+  if (s.writerPid == 0) return "none";
+  return s.writerAlive ? fmt::format("{}", s.writerPid) : fmt::format("{} (gone)", s.writerPid);
+}
+
+std::string jsonNumbers(const std::vector<U64>& values) {
+  std::vector<std::string> texts;
+  for (U64 v : values) texts.push_back(fmt::format("{}", v));
+  return jsonArray(texts);
+}
+
+// One document: the tables' headers by family, the trie's shape by family.
+void printStatsJson(const Target& target, const TableFigures (&tables)[2], const Routing::Lattice::TrieStats& s) {
+  auto table = [](const TableFigures& t) {
+    const Depot::SharedTableStats& h = t.header;
+    const std::string writer = h.writerPid == 0 ? "null"
+                                                : jsonObject({{"pid", fmt::format("{}", h.writerPid)},
+                                                              {"alive", h.writerAlive ? "true" : "false"}});
+    return jsonObject({{"records", fmt::format("{}", h.occupancy)}, {"capacity", fmt::format("{}", h.capacity)},
+                       {"bytes", fmt::format("{}", t.bytes)}, {"generation", fmt::format("{}", h.generation)},
+                       {"update_counter", fmt::format("{}", h.updateCounter)}, {"writer", writer}});
+  };
+  auto shape = [](const Routing::Lattice::TrieStats::Family& f) {
+    return jsonObject({{"prefixes", fmt::format("{}", f.prefixes)}, {"nodes", fmt::format("{}", f.nodes)},
+                       {"depth_histogram", jsonNumbers(f.depthCount)}});
+  };
+  fmt::print("{}\n", jsonObject({{"trie", jsonString(target.name)}, {"root", jsonString(target.mount.root)},
+                                 {"tables", jsonObject({{"ipv4", table(tables[0])}, {"ipv6", table(tables[1])}})},
+                                 {"shape", jsonObject({{"ipv4", shape(s.v4)}, {"ipv6", shape(s.v6)}})}}));
 }
 
 }  // namespace
 
-int statsCommand(const Target& target) {
+int statsCommand(const Target& target, bool json) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  const Depot::Table& t4 = trie->trieNodeMap().table();
-  const Depot::Table& t6 = trie->trieNode6Map().table();
-  const Routing::Lattice::TrieStats s = Routing::Lattice::trieStats(*trie);
+  const TableFigures tables[] = {tableFigures("IPv4", trie->trieNodeMap().table()),
+                                 tableFigures("IPv6", trie->trieNode6Map().table())};
+  Routing::Lattice::TrieStats s;
+  {
+    Progress progress("walking the trie's nodes", {});
+    s = Routing::Lattice::trieStats(*trie);
+  }
+  if (json) {
+    printStatsJson(target, tables, s);
+    return 0;
+  }
 
   fmt::print("trie {} under {}\n", target.name, target.mount.root);
-  fmt::print("  {:<8} {:>12} {:>12} {:>10} {:>14}\n", "family", "records", "capacity", "occupancy", "bytes");
-  printTable("IPv4", t4);
-  printTable("IPv6", t6);
-  fmt::print("  shared memory: {} bytes\n", t4.bytes() + t6.bytes());
+  fmt::print("  {:<8} {:>12} {:>12} {:>10} {:>14} {:>11} {:>15}  {}\n", "family", "records", "capacity", "occupancy",
+             "bytes", "generation", "update counter", "writer");
+  for (const TableFigures& t : tables) {
+    const Depot::SharedTableStats& h = t.header;
+    const double used = h.capacity > 0 ? 100.0 * double(h.occupancy) / double(h.capacity) : 0.0;
+    fmt::print("  {:<8} {:>12} {:>12} {:>9.1f}% {:>14} {:>11} {:>15}  {}\n", t.family, h.occupancy, h.capacity, used,
+               t.bytes, h.generation, h.updateCounter, writerText(h));
+  }
+  fmt::print("  shared memory: {} bytes\n", tables[0].bytes + tables[1].bytes);
   fmt::print("prefixes: {} IPv4, {} IPv6; trie nodes: {} IPv4, {} IPv6\n", s.v4.prefixes, s.v6.prefixes, s.v4.nodes,
              s.v6.nodes);
 
@@ -48,21 +103,31 @@ int statsCommand(const Target& target) {
     const std::string label = band == 1 ? fmt::format("{}", d) : fmt::format("{}-{}", d, d + band - 1);
     fmt::print("  {:>7} {:>12} {:>12}\n", label, n4, n6);
   }
-
-  fmt::print("write-path counters (this process)\n");
-  for (const Beat::Counter* c : trie->counters().counters()) fmt::print("  {:<16} {:>12}\n", c->name(), c->value());
   return 0;
 }
 
-int checkCommand(const Target& target) {
+int checkCommand(const Target& target, bool json) {
   Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  std::vector<std::string> problems = Routing::Lattice::checkTrie(*trie);
-  // What the next writer would refuse or repair in the files, which the records alone do not show.
-  for (const Depot::Table* t : {&trie->trieNodeMap().table(), &trie->trieNode6Map().table()})
-    for (std::string& p : Depot::sharedTableProblems(t->layout(), t->rootPath())) problems.push_back(std::move(p));
-  for (const std::string& p : problems) fmt::print("{}\n", p);
+  std::vector<std::string> problems;
+  {
+    Progress progress("checking the trie's structure", {});
+    problems = Routing::Lattice::checkTrie(*trie);
+    // What the next writer would refuse or repair in the files, which the records alone do not show.
+    progress.stepIs("checking the table files");
+    for (const Depot::Table* t : {&trie->trieNodeMap().table(), &trie->trieNode6Map().table()})
+      for (std::string& p : Depot::sharedTableProblems(t->layout(), t->rootPath())) problems.push_back(std::move(p));
+  }
   const U64 r4 = trie->trieNodeMap().table().occupancy();
   const U64 r6 = trie->trieNode6Map().table().occupancy();
+  if (json) {
+    std::vector<std::string> texts;
+    for (const std::string& p : problems) texts.push_back(jsonString(p));
+    fmt::print("{}\n", jsonObject({{"trie", jsonString(target.name)},
+                                   {"records", jsonObject({{"ipv4", fmt::format("{}", r4)}, {"ipv6", fmt::format("{}", r6)}})},
+                                   {"problems", jsonArray(texts)}}));
+    return problems.empty() ? 0 : 1;
+  }
+  for (const std::string& p : problems) fmt::print("{}\n", p);
   if (problems.empty()) {
     fmt::print("trie {}: {} IPv4 and {} IPv6 records, no problems found\n", target.name, r4, r6);
     return 0;

@@ -4,6 +4,13 @@
 
 namespace DepotTrieTool {
 
+std::string_view trimmed(std::string_view line) {
+  constexpr const char* blanks = " \t\r\v\f";
+  const size_t first = line.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return line.substr(first, line.find_last_not_of(blanks) - first + 1);
+}
+
 std::string tooLongMessage(std::string_view start) {
   return fmt::format("line longer than {} bytes: '{}...'", maxLineBytes, start.substr(0, 40));
 }

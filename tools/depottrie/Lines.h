@@ -10,6 +10,8 @@ namespace DepotTrieTool {
 // The longest input line taken as it is; a longer one is an error for that
 // line, reported with its start, and costs no more memory than this.
 constexpr size_t maxLineBytes = 4096;
+// The line without the blanks around it.
+std::string_view trimmed(std::string_view line);
 // "line longer than 4096 bytes: 'START...'".
 std::string tooLongMessage(std::string_view start);
 // One line of at most maxLineBytes from in; a longer one is consumed whole,

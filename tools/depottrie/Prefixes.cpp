@@ -10,14 +10,7 @@ namespace DepotTrieTool {
 using Addrkit::AddressFamily;
 using Addrkit::IpGenPrefix;
 
-IpGenPrefix prefixFromText(std::string_view text) {
-  try {
-    return IpGenPrefix(text);
-  } catch (const Basis::RangeException&) {
-    const bool v6 = text.find(':') != std::string_view::npos;
-    throw Basis::RangeException(fmt::format("invalid {} prefix '{}'", v6 ? "IPv6" : "IPv4", text));
-  }
-}
+IpGenPrefix prefixFromText(std::string_view text) { return IpGenPrefix(text); }
 
 bool reservedPrefix(const IpGenPrefix& p) {
   using namespace Routing::Lattice;
@@ -27,6 +20,19 @@ bool reservedPrefix(const IpGenPrefix& p) {
 bool defaultRouteKey(const IpGenPrefix& p) {
   using namespace Routing::Lattice;
   return p == IpGenPrefix(prefix032) || p == IpGenPrefix(prefix0128);
+}
+
+bool prefixLess(const IpGenPrefix& a, const IpGenPrefix& b) {
+  if (a.af() != b.af()) return a.af() == AddressFamily::ipv4;
+  if (a.af() == AddressFamily::ipv4) {
+    const U32 x = a.v4().addrHost(), y = b.v4().addrHost();
+    return x != y ? x < y : a.len() < b.len();
+  }
+  const Addrkit::Ip6Prefix x = a.v6(), y = b.v6();
+  for (U32 k = 0; k < 4; ++k) {
+    if (x.word(k) != y.word(k)) return x.word(k) < y.word(k);
+  }
+  return a.len() < b.len();
 }
 
 bool covers(const IpGenPrefix& outer, const IpGenPrefix& inner) {
