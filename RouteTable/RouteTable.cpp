@@ -504,12 +504,12 @@ struct ChangeFeed::Impl {
   U64 next = 1;
 };
 
-ChangeFeed::ChangeFeed(const RouteTable& table) : impl_(std::make_unique<Impl>()) {
+ChangeFeed::ChangeFeed(const RouteTable& table, std::optional<std::uint64_t> after) : impl_(std::make_unique<Impl>()) {
   guarded([&] {
     impl_->ring = detail::ChangeRing::reader(table.name(), table.impl_->root);
     if (!impl_->ring)
       throw Error(fmt::format("route table {} keeps no change feed: no writer of this version has opened it", table.name()));
-    impl_->next = impl_->ring->newest().number + 1;
+    impl_->next = (after ? *after : impl_->ring->newest().number) + 1;
   });
 }
 ChangeFeed::ChangeFeed(ChangeFeed&&) noexcept = default;

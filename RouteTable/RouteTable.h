@@ -229,9 +229,10 @@ struct Change {
 // it, in a ring of the table's last Options::changeFeedEntries changes.
 class DEPOTTRIE_API ChangeFeed {
  public:
-  // Starts after the latest change. Error when the table keeps no feed
-  // (no writer of this version has opened it).
-  explicit ChangeFeed(const RouteTable& table);
+  // Starts after the latest change, or after change number `after` (0: at
+  // the oldest the ring still holds, reporting the older ones lost). Error
+  // when the table keeps no feed (no writer of this version has opened it).
+  explicit ChangeFeed(const RouteTable& table, std::optional<std::uint64_t> after = std::nullopt);
   ChangeFeed(ChangeFeed&&) noexcept;
   ChangeFeed& operator=(ChangeFeed&&) noexcept;
   ~ChangeFeed();

@@ -3,11 +3,13 @@
 // success, 1 failure) and raises Basis::Exception for a failure that ends it
 // (one line on stderr), UsageError for a command line that cannot be carried
 // out (status 2).
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Addrkit/Prefix.h"
+#include "RouteTable/RouteTable.h"
 #include "TrieLib/DepotTrie.h"
 #include "TrieLib/TrieMount.h"
 
@@ -24,6 +26,11 @@ class UsageError : public Basis::RangeException {
 struct Target {
   std::string name = "routes";
   Routing::Lattice::MountOptions mount;
+  U64 feedEntries = depottrie::Options().changeFeedEntries;  // of a new table's change feed
+  // The route table's options for these.
+  depottrie::Options options() const {
+    return {.root = mount.root, .mode = mount.mode, .changeFeedEntries = feedEntries};
+  }
 };
 
 // A prefix or bare address (a host prefix); bad text raises
@@ -31,7 +38,7 @@ struct Target {
 // holds ':').
 Addrkit::IpGenPrefix prefixFromText(std::string_view text);
 // The keys the trie keeps for itself, which cannot be stored as routes:
-// 0.0.0.0/32, 255.255.255.255/32, ::/128 and the all-ones /128.
+// 0.0.0.0/32, 0.0.0.0/31, 255.255.255.255/32, ::/128 and the all-ones /128.
 bool reservedPrefix(const Addrkit::IpGenPrefix& p);
 // The storage keys of the default routes, which a successor search refuses.
 bool defaultRouteKey(const Addrkit::IpGenPrefix& p);
@@ -42,6 +49,8 @@ bool prefixLess(const Addrkit::IpGenPrefix& a, const Addrkit::IpGenPrefix& b);
 // in outer's bits).
 bool covers(const Addrkit::IpGenPrefix& outer, const Addrkit::IpGenPrefix& inner);
 
+// Stores the routes of the files (a new value for a stored prefix replaces
+// its value) as the table's writer.
 int loadCommand(const Target& target, const std::vector<std::string>& files);
 // The reader commands (lookup, list, next, bench) answer from a state of the
 // trie between two of its writer's updates (ConsistentReader). json: the
@@ -57,6 +66,13 @@ int nextCommand(const Target& target, const std::string& prefix, bool json);
 int statsCommand(const Target& target, bool json);
 int checkCommand(const Target& target, bool json);
 int dropCommand(const Target& target);
+// Prints the table's changes as its writer makes them: "+ PREFIX [VALUE]"
+// for a route stored or given a new value, "- PREFIX" for one removed, and,
+// when changes were missed (the feed went round, or a writer made changes
+// it could not announce), "*" and then every route as "+" lines. after: the
+// last change already seen (default: the latest); stops after `count`
+// changes or `seconds` (0: never).
+int watchCommand(const Target& target, std::optional<U64> after, U64 count, double seconds);
 // The stored prefixes against those of a route file (- for standard input):
 // "+ P" for each only the trie holds, "- P" for each only the file holds, in
 // walk order. 0 when they are the same, 1 when they differ, 2 when the file

@@ -1,4 +1,4 @@
-// depottrie diff: the shared trie against a route file.
+// depottrie diff: the shared route table against a route file.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -6,35 +6,27 @@
 #include "Commands.h"
 #include "Progress.h"
 #include "RouteFiles.h"
-#include "TrieLib/ConsistentRead.h"
+#include "RouteTable/Convert.h"
 
 namespace DepotTrieTool {
 namespace {
 
-using Addrkit::IpGenPrefix;
 
-class Collector : public Routing::Lattice::TrieWalkCallback {
- public:
-  explicit Collector(std::vector<Route>& routes) : routes_(routes) {}
-  Routing::Lattice::WalkAction handleWalkCallback(const IpGenPrefix& p) override {
-    routes_.push_back({p});
-    return Routing::Lattice::continueWalk;
-  }
+bool routeLess(const Route& a, const Route& b) {
+  return prefixLess(a.prefix, b.prefix) || (a.prefix == b.prefix && a.value < b.value);
+}
 
- private:
-  std::vector<Route>& routes_;
-};
-
-bool routeLess(const Route& a, const Route& b) { return prefixLess(a.prefix, b.prefix); }
-
-// "+ PREFIX" for a route only the trie holds, "- PREFIX" for one only the
-// file holds.
-void printDiffLine(char sign, const Route& route) { fmt::print("{} {}\n", sign, route.prefix); }
+// "+ PREFIX [VALUE]" for a route only the table holds, "- PREFIX [VALUE]"
+// for one only the file holds; a value is shown when it is not 0.
+void printDiffLine(char sign, const Route& route) {
+  if (route.value == 0) fmt::print("{} {}\n", sign, route.prefix);
+  else fmt::print("{} {} {}\n", sign, route.prefix, route.value);
+}
 
 }  // namespace
 
 int diffCommand(const Target& target, const std::string& file) {
-  Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
+  const depottrie::RouteTable table = depottrie::RouteTable::openReader(target.name, target.options());
   std::vector<Route> listed, stored;
   RouteFileCounts counts;
   {
@@ -44,17 +36,17 @@ int diffCommand(const Target& target, const std::string& file) {
       return listed.size();
     });
     if (counts.failedFiles > 0) return 2;
-    progress.stepIs("reading the trie");
-    Routing::Lattice::ConsistentReader reader(*trie);
-    Basis::Ptr<Collector> collector(new Collector(stored));
-    reader.preOrderWalk(collector, IpGenPrefix(Routing::Lattice::rootPrefix));
-    reader.preOrderWalk(collector, IpGenPrefix(Routing::Lattice::rootPrefix6));
+    progress.stepIs("reading the table");
+    table.forEach([&stored](const depottrie::Route& r) {
+      stored.push_back({depottrie::detail::toGen(r.prefix), r.value});
+      return true;
+    });
   }
-  // A prefix listed twice is one route of the file.
-  std::sort(listed.begin(), listed.end(), routeLess);
-  listed.erase(std::unique(listed.begin(), listed.end(),
-                           [](const Route& a, const Route& b) { return a.prefix == b.prefix; }),
-               listed.end());
+  // A prefix listed twice is one route of the file, with the value it has
+  // last, as load stores it.
+  std::stable_sort(listed.begin(), listed.end(), [](const Route& a, const Route& b) { return prefixLess(a.prefix, b.prefix); });
+  auto lastOfEach = std::unique(listed.rbegin(), listed.rend(), [](const Route& a, const Route& b) { return a.prefix == b.prefix; });
+  listed.erase(listed.begin(), lastOfEach.base());
   std::sort(stored.begin(), stored.end(), routeLess);
 
   bool differ = false;

@@ -140,7 +140,7 @@ int dropCommand(const Target& target) {
   if (!Routing::Lattice::trieExists(target.name, target.mount)) {
     throw Basis::Exception(fmt::format("no trie named {} under {}", target.name, target.mount.root));
   }
-  Routing::Lattice::trieDrop(target.name, target.mount);
+  depottrie::RouteTable::drop(target.name, target.options());
   fmt::print("dropped trie {} under {}\n", target.name, target.mount.root);
   return 0;
 }

@@ -1,13 +1,15 @@
-// depottrie load: route files into a shared trie.
+// depottrie load: route files into a shared route table.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <map>
 
 #include "Commands.h"
 #include "Progress.h"
 #include "RouteFiles.h"
+#include "RouteTable/Convert.h"
+#include "RouteTable/Internal.h"
 
 namespace DepotTrieTool {
 namespace {
@@ -20,58 +22,63 @@ std::string byteText(U64 bytes) {
   return fmt::format("{} B", bytes);
 }
 
-// Inserts routes into the trie, counting those it holds already. They are
-// taken in chunks: the writer's batched longest match over a chunk, read
-// before any of it is inserted, says which are stored (an exact answer),
-// with the chunk's descents overlapping and starting below the top of the
-// trie, which the insertions between single lookups would keep invalidating.
-// A chunk also goes in whenever the input is about to wait, so that routes
-// fed through a pipe are stored as they come.
+// Stores routes, counting those new, those stored already with the same
+// value and those given a new one. They are taken in chunks: one batched
+// lookup over a chunk, read before any of it is stored, gives each prefix's
+// value if it is stored (the answer is the prefix itself), with the
+// chunk's lookups overlapping and starting below the top of the trie, which
+// the insertions between single lookups would keep invalidating. A chunk
+// also goes in whenever the input is about to wait, so that routes fed
+// through a pipe are stored as they come.
 class Loader {
  public:
-  explicit Loader(Routing::Lattice::Trie& trie) : trie_(trie) { chunk_.reserve(chunkSize); }
+  explicit Loader(depottrie::RouteTable& table) : table_(table) {}
 
   U64 add(const Route& route) {
-    chunk_.push_back(route.prefix);
+    chunk_.push_back(depottrie::detail::fromGen(route.prefix));
+    values_.push_back(route.value);
     if (chunk_.size() == chunkSize) flush();
-    return new4 + new6 + present + chunk_.size();
+    return new4 + new6 + present + updated + chunk_.size();
   }
   void flush() {
-    matches_.resize(chunk_.size());
-    trie_.longestMatch(chunk_, matches_);
-    // What is not stored yet may still come twice in the chunk.
-    fresh_.clear();
+    found_.resize(chunk_.size());
+    table_.lookupUnguarded(chunk_, found_);
+    // A prefix may come twice in a chunk: the second time, the value the
+    // first one stored is the one it meets.
+    std::map<depottrie::Prefix, U64> stored;
     for (size_t i = 0; i < chunk_.size(); ++i) {
-      if (matches_[i] == chunk_[i]) ++present;
-      else fresh_.push_back(chunk_[i]);
-    }
-    std::sort(fresh_.begin(), fresh_.end(), prefixLess);
-    for (size_t i = 0; i < fresh_.size(); ++i) {
-      if (i > 0 && fresh_[i] == fresh_[i - 1]) {
+      const depottrie::Prefix& p = chunk_[i];
+      std::optional<U64> before;
+      if (auto it = stored.find(p); it != stored.end()) before = it->second;
+      else if (found_[i] && found_[i]->prefix == p) before = found_[i]->value;
+      stored[p] = values_[i];
+      if (before == values_[i]) {
         ++present;
         continue;
       }
-      trie_.prefixIs(fresh_[i]);
-      ++(fresh_[i].af() == AddressFamily::ipv4 ? new4 : new6);
+      table_.insert(p, values_[i]);
+      if (before) ++updated;
+      else ++(p.family() == depottrie::Family::ipv4 ? new4 : new6);
     }
     chunk_.clear();
+    values_.clear();
   }
 
-  U64 new4 = 0, new6 = 0, present = 0;
+  U64 new4 = 0, new6 = 0, present = 0, updated = 0;
 
  private:
   static constexpr size_t chunkSize = 256;
-  Routing::Lattice::Trie& trie_;
-  std::vector<Addrkit::IpGenPrefix> chunk_;
-  std::vector<Addrkit::IpGenPrefix> matches_;
-  std::vector<Addrkit::IpGenPrefix> fresh_;
+  depottrie::RouteTable& table_;
+  std::vector<depottrie::Prefix> chunk_;
+  std::vector<U64> values_;
+  std::vector<std::optional<depottrie::Route>> found_;
 };
 
 }  // namespace
 
 int loadCommand(const Target& target, const std::vector<std::string>& files) {
-  Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieWriterNew(target.name, target.mount);
-  Loader loader(*trie);
+  depottrie::RouteTable table = depottrie::RouteTable::openWriter(target.name, target.options());
+  Loader loader(table);
   RouteFileCounts counts;
   const auto start = std::chrono::steady_clock::now();
   {
@@ -82,14 +89,16 @@ int loadCommand(const Target& target, const std::vector<std::string>& files) {
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-  const Depot::Table& t4 = trie->trieNodeMap().table();
-  const Depot::Table& t6 = trie->trieNode6Map().table();
-  const U64 new4 = loader.new4, new6 = loader.new6, present = loader.present, read = new4 + new6 + present;
-  fmt::print("loaded trie {}: {} new prefix{} ({} IPv4, {} IPv6), {} already present; {} read in {:.2f} s, {:.0f} prefixes/s\n",
-             target.name, new4 + new6, new4 + new6 == 1 ? "" : "es", new4, new6, present, read, seconds,
-             seconds > 0 ? double(read) / seconds : 0.0);
+  const Routing::Lattice::Trie& trie = depottrie::detail::Access::trie(table);
+  const Depot::Table& t4 = trie.trieNodeMap().table();
+  const Depot::Table& t6 = trie.trieNode6Map().table();
+  const U64 added = loader.new4 + loader.new6, read = added + loader.present + loader.updated;
+  fmt::print("loaded trie {}: {} new prefix{} ({} IPv4, {} IPv6), {} already present, {} with a new value; {} read in "
+             "{:.2f} s, {:.0f} prefixes/s\n",
+             target.name, added, added == 1 ? "" : "es", loader.new4, loader.new6, loader.present, loader.updated, read,
+             seconds, seconds > 0 ? double(read) / seconds : 0.0);
   fmt::print("records: {} IPv4, {} IPv6; shared memory: {}\n", t4.occupancy(), t6.occupancy(),
-             byteText(t4.bytes() + t6.bytes()));
+             byteText(table.statistics().sharedBytes));
   std::fflush(stdout);
   if (counts.badLines > 0) fmt::print(stderr, "depottrie: {} bad line{} skipped\n", counts.badLines, counts.badLines == 1 ? "" : "s");
   if (counts.failedFiles > 0) fmt::print(stderr, "depottrie: {} of {} files could not be read to the end\n", counts.failedFiles, files.size());

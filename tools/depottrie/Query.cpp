@@ -9,6 +9,7 @@
 #include "Input.h"
 #include "Json.h"
 #include "Progress.h"
+#include "RouteTable/Convert.h"
 #include "TrieLib/ConsistentRead.h"
 
 namespace DepotTrieTool {
@@ -16,47 +17,28 @@ namespace {
 
 using Addrkit::AddressFamily;
 using Addrkit::IpGenPrefix;
-using Routing::Lattice::WalkAction;
 
-std::string answerText(const IpGenPrefix& p) { return p.isEmpty() ? "none" : p.stringValue(); }
+// "PREFIX" or "PREFIX VALUE": a value is shown when it is not 0 (what a
+// prefix stored without one has).
+std::string routeText(const depottrie::Route& r) {
+  return r.value == 0 ? r.prefix.toString() : fmt::format("{} {}", r.prefix.toString(), r.value);
+}
+std::string answerText(const std::optional<depottrie::Route>& r) { return r ? routeText(*r) : "none"; }
+// A route's fields as JSON: "prefix" (or `key`) and "value", null when none.
+std::string jsonRoute(const std::optional<depottrie::Route>& r, std::string_view key = "prefix") {
+  if (!r) return jsonObject({{key, "null"}, {"value", "null"}});
+  return jsonObject({{key, jsonString(r->prefix.toString())}, {"value", std::to_string(r->value)}});
+}
 
-// Prints the delivered prefixes covered by `under` (all when it is empty),
-// skipping the subtrees that lie beside it.
-class ListingWalk : public Routing::Lattice::TrieWalkCallback {
- public:
-  ListingWalk(const IpGenPrefix& under, bool json, Progress& progress) : under_(under), json_(json), progress_(progress) {}
-
-  WalkAction handleWalkCallback(const IpGenPrefix& p) override {
-    if (under_.isEmpty() || covers(under_, p)) {
-      if (json_) {
-        fmt::print("{}\n", jsonObject({{"prefix", jsonPrefix(p)}}));
-      } else {
-        fmt::print("{}\n", p);
-      }
-      progress_.update(0, ++listed_);
-      return Routing::Lattice::continueWalk;
-    }
-    // A prefix above `under` leads towards it; one beside it holds nothing
-    // below `under` in its subtree.
-    return covers(p, under_) ? Routing::Lattice::continueWalk : Routing::Lattice::skipSubtree;
-  }
-
- private:
-  IpGenPrefix under_;
-  const bool json_;
-  Progress& progress_;
-  U64 listed_ = 0;
-};
-
-// Answers queries in the order given, in batches of the reader's batched
-// longest match: a batch is answered when it is full or when the input is
-// about to wait, so answers stream out as fast as queries come in.
+// Answers queries in the order given, in batches of the table's batched
+// lookup: a batch is answered when it is full or when the input is about
+// to wait, so answers stream out as fast as queries come in.
 class Lookups {
  public:
-  Lookups(Routing::Lattice::ConsistentReader& reader, bool json) : reader_(reader), json_(json) {}
+  Lookups(const depottrie::RouteTable& table, bool json) : table_(table), json_(json) {}
   void add(std::string_view text) {
     queries_.emplace_back(text);
-    prefixes_.push_back(prefixFromText(text));
+    prefixes_.push_back(depottrie::detail::fromGen(prefixFromText(text)));
     if (prefixes_.size() == batchSize) answer();
   }
   // A query that cannot be answered: reported after the answers before it.
@@ -69,10 +51,11 @@ class Lookups {
   void answer() {
     if (prefixes_.empty()) return;
     matches_.resize(prefixes_.size());
-    reader_.longestMatch(prefixes_, matches_);
+    table_.lookup(prefixes_, matches_);
     for (size_t i = 0; i < prefixes_.size(); ++i) {
       if (json_) {
-        fmt::print("{}\n", jsonObject({{"query", jsonString(queries_[i])}, {"match", jsonPrefix(matches_[i])}}));
+        const std::string route = jsonRoute(matches_[i], "match");
+        fmt::print("{{\"query\":{},{}\n", jsonString(queries_[i]), std::string_view(route).substr(1));
       } else {
         fmt::print("{} {}\n", queries_[i], answerText(matches_[i]));
       }
@@ -85,11 +68,11 @@ class Lookups {
 
  private:
   static constexpr size_t batchSize = 256;
-  Routing::Lattice::ConsistentReader& reader_;
+  const depottrie::RouteTable& table_;
   const bool json_;
   std::vector<std::string> queries_;
-  std::vector<IpGenPrefix> prefixes_;
-  std::vector<IpGenPrefix> matches_;
+  std::vector<depottrie::Prefix> prefixes_;
+  std::vector<std::optional<depottrie::Route>> matches_;
   bool failed_ = false;
 };
 
@@ -117,9 +100,8 @@ void lookupLines(Lookups& lookups) {
 }  // namespace
 
 int lookupCommand(const Target& target, const std::vector<std::string>& queries, bool json) {
-  Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  Routing::Lattice::ConsistentReader reader(*trie);
-  Lookups lookups(reader, json);
+  const depottrie::RouteTable table = depottrie::RouteTable::openReader(target.name, target.options());
+  Lookups lookups(table, json);
   for (const std::string& q : queries) {
     if (q == "-") {
       lookupLines(lookups);
@@ -135,6 +117,8 @@ int lookupCommand(const Target& target, const std::vector<std::string>& queries,
   return lookups.failed() ? 1 : 0;
 }
 
+// The prefixes inside `under` (every one of the family when it is empty),
+// in order, each family from one state of the table.
 int listCommand(const Target& target, const std::string& under, int family, bool json) {
   IpGenPrefix root;
   if (!under.empty()) {
@@ -145,24 +129,39 @@ int listCommand(const Target& target, const std::string& under, int family, bool
     }
     family = rootFamily;
   }
-  Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  Routing::Lattice::ConsistentReader reader(*trie);
+  const depottrie::RouteTable table = depottrie::RouteTable::openReader(target.name, target.options());
   Progress progress("listing", {.items = "prefixes", .streamsToStdout = true});
-  Basis::Ptr<ListingWalk> walk(new ListingWalk(root, json, progress));
-  if (family != 6) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix));
-  if (family != 4) reader.preOrderWalk(walk, IpGenPrefix(Routing::Lattice::rootPrefix6));
+  U64 listed = 0;
+  auto print = [&](const depottrie::Route& r) {
+    fmt::print("{}\n", json ? jsonRoute(r) : routeText(r));
+    progress.update(0, ++listed);
+    return true;
+  };
+  if (!root.isEmpty()) table.covered(depottrie::detail::fromGen(root), print);
+  if (root.isEmpty() && family != 6) table.covered("0.0.0.0/0", print);
+  if (root.isEmpty() && family != 4) table.covered("::/0", print);
   return 0;
 }
 
+// The trie's successor order, with its start of an enumeration: the
+// all-ones host prefix of a family gives the family's first route.
 int nextCommand(const Target& target, const std::string& prefix, bool json) {
   IpGenPrefix p = prefixFromText(prefix);
   if (defaultRouteKey(p)) {
     throw UsageError(fmt::format("{} is where the default route is stored; it cannot start a search", p));
   }
-  Basis::Ptr<Routing::Lattice::Trie> trie = Routing::Lattice::trieReaderNew(target.name, target.mount);
-  const IpGenPrefix next = Routing::Lattice::ConsistentReader(*trie).getNext(p);
+  const depottrie::RouteTable table = depottrie::RouteTable::openReader(target.name, target.options());
+  std::optional<depottrie::Route> next;
+  if (p == IpGenPrefix(Routing::Lattice::rootPrefix) || p == IpGenPrefix(Routing::Lattice::rootPrefix6)) {
+    const depottrie::Prefix all = p.af() == AddressFamily::ipv4 ? "0.0.0.0/0" : "::/0";
+    next = table.find(all);
+    if (!next) next = table.next(all);
+  } else {
+    next = table.next(depottrie::detail::fromGen(p));
+  }
   if (json) {
-    fmt::print("{}\n", jsonObject({{"prefix", jsonPrefix(p)}, {"next", jsonPrefix(next)}}));
+    const std::string route = jsonRoute(next, "next");
+    fmt::print("{{\"prefix\":{},{}\n", jsonPrefix(p), std::string_view(route).substr(1));
   } else {
     fmt::print("{}\n", answerText(next));
   }

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <charconv>
+#include <cstdint>
 #include <exception>
 #include <optional>
 #include <string_view>
@@ -33,7 +35,13 @@ Route routeOf(const std::vector<std::string_view>& words) {
   if (reservedPrefix(route.prefix)) {
     throw Basis::RangeException(fmt::format("prefix '{}' is reserved by the trie and cannot be stored", words[0]));
   }
-  if (words.size() > 1) throw Basis::RangeException(fmt::format("unexpected '{}' after the prefix", words[1]));
+  if (words.size() > 1) {
+    const std::string_view v = words[1];
+    const auto [end, error] = std::from_chars(v.data(), v.data() + v.size(), route.value);
+    if (error != std::errc() || end != v.data() + v.size())
+      throw Basis::RangeException(fmt::format("value '{}' is not a number from 0 to {}", v, UINT64_MAX));
+  }
+  if (words.size() > 2) throw Basis::RangeException(fmt::format("unexpected '{}' after the value", words[2]));
   return route;
 }
 

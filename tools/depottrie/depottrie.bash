@@ -17,7 +17,7 @@ _depottrie_tries() {
 
 _depottrie() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-  local subcommands="load lookup list next stats check drop diff batch bench"
+  local subcommands="load lookup list next stats check drop watch diff batch bench"
   local sub="" i
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
@@ -41,11 +41,12 @@ _depottrie() {
   local options
   case $sub in
     "") COMPREPLY=($(compgen -W "--root --trace --version --help $subcommands" -- "$cur")); return ;;
-    load) options="--name --mode --help" ;;
+    load) options="--name --mode --feed-entries --help" ;;
     lookup | next) options="--name --json --help" ;;
     list) options="--name --under --family --json --help" ;;
     stats | check) options="--name --json --help" ;;
     drop) options="--name --help" ;;
+    watch) options="--name --after --count --seconds --help" ;;
     diff) options="--name --help" ;;
     batch) options="--name --local --read-only --mode --help" ;;
     bench) options="--name --count --seed --help" ;;

@@ -122,10 +122,15 @@ int main(int argc, char** argv) {
 
   std::vector<std::string> files;
   CLI::App* load = app.add_subcommand("load", "insert prefixes from files into a shared trie (its writer)");
-  load->add_option("files", files, "one prefix per line, # comments; - is standard input; .xz is read directly")
+  load->add_option("files", files,
+                   "one route per line, PREFIX [VALUE] (a number, 0 when absent), # comments; - is standard input; .xz "
+                   "is read directly")
       ->required();
   nameOption(load);
   modeOption(load);
+  load->add_option("--feed-entries", target.feedEntries, "changes a new table's change feed keeps (see watch)")
+      ->capture_default_str()
+      ->check(wholeNumber(2, U64(1) << 30));
 
   std::vector<std::string> queries;
   CLI::App* lookup = app.add_subcommand("lookup", "the longest stored prefix covering each address or prefix");
@@ -158,6 +163,21 @@ int main(int argc, char** argv) {
 
   CLI::App* drop = app.add_subcommand("drop", "remove a trie's shared tables");
   nameOption(drop);
+
+  std::optional<U64> watchAfter;
+  U64 watchCount = 0;
+  double watchSeconds = 0;
+  CLI::App* watch = app.add_subcommand("watch", "print a table's changes as its writer makes them");
+  watch->add_option("--after", watchAfter, "start after this change number (0: the oldest kept; default: the latest)")
+      ->check(wholeNumber(0, UINT64_MAX));
+  watch->add_option("--count", watchCount, "stop after this many changes (default: never)")->check(wholeNumber(1, UINT64_MAX));
+  watch->add_option("--seconds", watchSeconds, "stop after this long without changes to show (default: never)")
+      ->check(CLI::PositiveNumber);
+  watch->footer("Prints \"+ PREFIX [VALUE]\" for a route stored or given a new value (a value of 0 is not shown), "
+                "\"- PREFIX\" for one removed. When changes were missed (the writer went round the feed first, or "
+                "made changes it could not announce) it says so on stderr and prints \"*\" and every route as a "
+                "\"+\" line: a program that replays the lines forgets what it has at \"*\".");
+  nameOption(watch);
 
   std::string diffFile;
   CLI::App* diff = app.add_subcommand(
@@ -201,6 +221,7 @@ int main(int argc, char** argv) {
     if (*stats) return statsCommand(target, json);
     if (*check) return checkCommand(target, json);
     if (*drop) return dropCommand(target);
+    if (*watch) return watchCommand(target, watchAfter, watchCount, watchSeconds);
     if (*diff) return diffCommand(target, diffFile);
     if (*batch) return batchCommand(target, local, readOnly);
     return benchCommand(target, count, seed);
