@@ -1,15 +1,16 @@
 # The two set-up commands of the README. Both install what is missing first.
 PKGS := cmake ninja-build g++ make libfmt-dev libgtest-dev libgmock-dev \
-        libcli11-dev liblzma-dev xz-utils pkgconf python3
+        libcli11-dev liblzma-dev xz-utils pkgconf python3 dpkg-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 BUILD := build
 ASAN_BUILD := build-asan
 FUZZ_BUILD := build-fuzz
 BENCH_BUILD := build-bench
+PACKAGE_BUILD := build-package
 # The fuzz targets build with clang and link libFuzzer.
 FUZZ_PKGS := clang-14 libclang-rt-14-dev libfuzzer-14-dev
 
-.PHONY: deps build test test-plain test-asan test-fuzz demo bench clean
+.PHONY: deps build test test-plain test-asan test-fuzz demo bench package clean
 
 deps:
 	@missing=$$(for p in $(PKGS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
@@ -53,5 +54,14 @@ bench: deps
 	cmake --build $(BENCH_BUILD) -j2 --target depot_bench
 	./$(BENCH_BUILD)/bench/depot_bench
 
+# Debian packages of a Release build for /usr: depottrie, depottrie-dev (and
+# python3-depottrie with the Python module), in build-package/packages/.
+package: deps
+	cmake -S . -B $(PACKAGE_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+	      -DDEPOT_BUILD_TESTS=OFF -DDEPOT_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(PACKAGE_BUILD) -j2
+	cd $(PACKAGE_BUILD) && cpack -B packages >/dev/null
+	@ls -1 $(PACKAGE_BUILD)/packages/*.deb
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(PACKAGE_BUILD)

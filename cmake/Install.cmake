@@ -23,24 +23,28 @@ set(depotInstalledHeaders
 foreach(header ${depotInstalledHeaders})
   get_filename_component(dir ${header} DIRECTORY)
   string(REGEX REPLACE "^platform/" "" dir ${dir})
-  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir})
+  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir} COMPONENT dev)
 endforeach()
-install(FILES ${PROJECT_BINARY_DIR}/include/TrieLib/Version.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TrieLib)
+install(FILES ${PROJECT_BINARY_DIR}/include/TrieLib/Version.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TrieLib
+        COMPONENT dev)
 
 # The headers need C++20; consumers of the imported target get it too.
 target_compile_features(DepotTrie INTERFACE cxx_std_20)
+# Components, one Debian package each (cmake/Package.cmake): runtime (the
+# library and the tool) and dev (headers, the unversioned link, CMake
+# package, pkg-config file).
 install(TARGETS DepotTrie
         EXPORT DepotTrieTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 if(TARGET depottrie)
-  install(TARGETS depottrie RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(FILES tools/depottrie/depottrie.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(TARGETS depottrie RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  install(FILES tools/depottrie/depottrie.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
   install(FILES tools/depottrie/depottrie.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-          RENAME depottrie)
+          RENAME depottrie COMPONENT runtime)
 endif()
 
-install(EXPORT DepotTrieTargets NAMESPACE DepotTrie:: DESTINATION ${depotPackageDir})
+install(EXPORT DepotTrieTargets NAMESPACE DepotTrie:: DESTINATION ${depotPackageDir} COMPONENT dev)
 configure_package_config_file(cmake/DepotTrieConfig.cmake.in ${PROJECT_BINARY_DIR}/DepotTrieConfig.cmake
                               INSTALL_DESTINATION ${depotPackageDir})
 # A 0.x release may change the binary interface with its minor version (see
@@ -53,7 +57,7 @@ endif()
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/DepotTrieConfigVersion.cmake
                                  COMPATIBILITY ${depotCompatibility})
 install(FILES ${PROJECT_BINARY_DIR}/DepotTrieConfig.cmake ${PROJECT_BINARY_DIR}/DepotTrieConfigVersion.cmake
-        DESTINATION ${depotPackageDir})
+        DESTINATION ${depotPackageDir} COMPONENT dev)
 
 # depottrie.pc locates the prefix from its own folder, so the installed tree
 # can be moved (or installed with cmake --install --prefix) and still work.
@@ -69,4 +73,6 @@ else()
   set(depotPcIncludedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
 configure_file(cmake/depottrie.pc.in ${PROJECT_BINARY_DIR}/depottrie.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/depottrie.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/depottrie.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+include(cmake/Package.cmake)

@@ -88,4 +88,17 @@ linksOnlyTheLibrary "pkg-config --libs depottrie" "$(pkg-config --libs depottrie
        $(pkg-config --libs depottrie) || fail "compiling with pkg-config flags failed"
 LD_LIBRARY_PATH=$lib runExample "$work/writer_reader_pc"
 
+echo "== Debian packages: each one's files and dependencies"
+cpack --config "$build/CPackConfig.cmake" -B "$work/deb" >"$work/cpack.log" || { cat "$work/cpack.log"; fail "cpack failed"; }
+# debHas PACKAGE FIELD PATTERN...: every pattern matches a line of the package's file list (FIELD files) or field.
+debHas() {
+  local deb=("$work/deb/$1"_"$version"_*.deb) text pattern
+  text=$([ "$2" = files ] && dpkg-deb -c "${deb[0]}" | awk '{print $6}' || dpkg-deb -f "${deb[0]}" "$2")
+  for pattern in "${@:3}"; do grep -qE -- "$pattern" <<<"$text" || fail "package $1: no $2 matching $pattern in:"$'\n'"$text"; done
+}
+debHas depottrie files '/bin/depottrie$' "/libDepotTrie\\.so\\.$version\$" '/man1/depottrie\.1' '/completions/depottrie$'
+debHas depottrie Depends 'libc6' 'libstdc\+\+6' 'libfmt[0-9]' 'liblzma5'
+debHas depottrie-dev files '/include/RouteTable/RouteTable\.h$' '/libDepotTrie\.so$' '/DepotTrieConfig\.cmake$' '/depottrie\.pc$'
+debHas depottrie-dev Depends "depottrie \\(= $version\\)" 'libfmt-dev'
+! dpkg-deb -c "$work/deb/depottrie_$version"_*.deb | grep -q '/include/' || fail "the runtime package holds headers"
 echo "install test: passed"
