@@ -1,6 +1,7 @@
 # The two set-up commands of the README. Both install what is missing first.
 PKGS := cmake ninja-build g++ make libfmt-dev libgtest-dev libgmock-dev \
-        libcli11-dev liblzma-dev xz-utils pkgconf python3 dpkg-dev
+        libcli11-dev liblzma-dev xz-utils pkgconf python3 dpkg-dev \
+        pybind11-dev python3-dev python3-pytest
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 BUILD := build
 ASAN_BUILD := build-asan
@@ -24,13 +25,18 @@ build: deps
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	cmake --build $(BUILD) -j2
 
+# pytest's closing line, from ctest's log of the run.
+PYTEST_LINE = grep -hE '^=+ .* in [0-9.]+s =+$$' $(1)/Testing/Temporary/LastTest.log || true
+
 test-plain: build
 	cd $(BUILD) && ctest -j2 --output-on-failure
+	@$(call PYTEST_LINE,$(BUILD))
 
 test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDEPOT_SANITIZE=ON -DDEPOT_BUILD_BENCH=OFF >/dev/null
 	cmake --build $(ASAN_BUILD) -j2
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest -j2 --output-on-failure
+	@$(call PYTEST_LINE,$(ASAN_BUILD))
 
 test-fuzz: deps
 	@missing=$$(for p in $(FUZZ_PKGS); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \

@@ -45,16 +45,6 @@ namespace {
 
 AddressFamily afOf(Family f) { return f == Family::ipv4 ? AddressFamily::ipv4 : AddressFamily::ipv6; }
 
-// The host prefixes whose bits are all zero or all one, and 0.0.0.0/31,
-// whose node would be the default route's record.
-bool reserved(const Prefix& p) {
-  const auto a = p.address();
-  const bool zero = std::all_of(a.begin(), a.end(), [](std::uint8_t b) { return b == 0; });
-  if (zero && p.family() == Family::ipv4 && p.length() == 31) return true;
-  return p.length() == p.maxLength() &&
-         (zero || std::all_of(a.begin(), a.end(), [](std::uint8_t b) { return b == 0xff; }));
-}
-
 Routing::Lattice::MountOptions mountOptions(const Options& o) {
   Routing::Lattice::MountOptions m;
   if (!o.root.empty()) m.root = o.root;
@@ -322,14 +312,24 @@ void RouteTable::drop(std::string_view name, const Options& options) {
   });
 }
 
+// The host prefixes whose bits are all zero or all one, and 0.0.0.0/31,
+// whose node would be the default route's record.
+bool RouteTable::reserved(const Prefix& p) {
+  const auto a = p.address();
+  const bool zero = std::all_of(a.begin(), a.end(), [](std::uint8_t b) { return b == 0; });
+  if (zero && p.family() == Family::ipv4 && p.length() == 31) return true;
+  return p.length() == p.maxLength() &&
+         (zero || std::all_of(a.begin(), a.end(), [](std::uint8_t b) { return b == 0xff; }));
+}
+
 const std::string& RouteTable::name() const { return impl_->name; }
 bool RouteTable::isWriter() const { return impl_->writer; }
 
 bool RouteTable::insert(const Prefix& prefix, std::uint64_t value) {
-  if (!impl_->writer) throw Error(fmt::format("route table {} is open for reading; only its writer changes it", name()));
   if (reserved(prefix))
     throw Error(fmt::format("{} is reserved (the trie keeps its root or default route there) and cannot be stored",
                             prefix.toString()));
+  if (!impl_->writer) throw Error(fmt::format("route table {} is open for reading; only its writer changes it", name()));
   std::lock_guard lock(impl_->mutex);
   return guarded([&] {
     Impl& t = *impl_;

@@ -129,6 +129,8 @@ class DEPOTTRIE_API RouteTable {
   // Removes the table's files; refused while a writer has them. Readers that
   // have it open keep their view.
   static void drop(std::string_view name, const Options& options = {});
+  // Whether insert refuses the prefix as reserved (see insert).
+  static bool reserved(const Prefix& prefix);
 
   RouteTable(RouteTable&&) noexcept;
   RouteTable& operator=(RouteTable&&) noexcept;

@@ -889,6 +889,39 @@ struct RateFigures {
   char error[256] = {};
 };
 
+// Lookups/s of the depottrie Python module (python/bench.py run on the same
+// table in a process of its own); absent when the module is not built.
+struct PythonFigures {
+  bool measured = false;
+  double single = 0, singleIpaddress = 0, batched = 0;
+};
+
+PythonFigures pythonFigures(const std::string& name, const MountOptions& options, bool v6) {
+  PythonFigures f;
+#ifdef DEPOT_PYTHON
+  const std::string command =
+      fmt::format("PYTHONPATH='{}' '{}' '{}' --root '{}' --name '{}' --family {} --batch {}", DEPOT_PYTHON_PATH,
+                  DEPOT_PYTHON, DEPOT_PYTHON_SCRIPT, options.root, name, v6 ? 6 : 4, kBatch);
+  FILE* out = popen(command.c_str(), "r");
+  if (!out) throw std::runtime_error(fmt::format("cannot run {}: {}", command, std::strerror(errno)));
+  char line[256];
+  while (std::fgets(line, sizeof line, out)) {
+    char kind[64];
+    double rate = 0;
+    if (std::sscanf(line, "IPv%*d %63s %lf", kind, &rate) != 2) continue;
+    const std::string k = kind;
+    (k == "single-str" ? f.single : k == "single-ipaddress" ? f.singleIpaddress : f.batched) = rate;
+  }
+  const int status = pclose(out);
+  if (status != 0 || f.single == 0 || f.singleIpaddress == 0 || f.batched == 0)
+    throw std::runtime_error(fmt::format("{} failed (status {})", command, status));
+  f.measured = true;
+#else
+  (void)name, (void)options, (void)v6;
+#endif
+  return f;
+}
+
 struct Descent {
   double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0, missingPerLookup = 0;
   double skippedPerLookup = 0, fromTopShare = 0;
@@ -968,6 +1001,7 @@ struct FamilyFigures {
   double bytesPerPrefix = 0;
   U64 occupancy = 0;  // records of the family's table after the updates
   ReaderFigures reader;
+  PythonFigures python;
   RateFigures one, two;
   double machineScaling = 0;  // measured beside them, for the cores other work leaves free
   struct Size {
@@ -1098,6 +1132,8 @@ FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, con
                r.successorRate = double(r.successorSteps) / secondsSince(start);
                return r;
              }).front();
+  progress("{}: Python reader process...", family);
+  f.python = pythonFigures(name, options, v6);
   // The walk delivers each stored prefix once.
   {
     Basis::Ptr<CountingWalk> walk(new CountingWalk);
@@ -1291,6 +1327,18 @@ int run() {
     const double ratio = f.reader.longestMatch / f.reader.table;
     return judged(fmt::format("{:.2f}", ratio), ratio, 1.25, false, "<= 1.25");
   });
+
+  // Targets of the Python module: IPv4 as fast as an in-process prefix tree
+  // module measured here (0.34 M/s), batches at 2 M/s.
+  auto python = [&](std::string label, double PythonFigures::*figure, double target4) {
+    both(std::move(label), [&](const FamilyFigures& f, bool six) {
+      if (!f.python.measured) return plain("not built");
+      return six || target4 == 0 ? plain(rate(f.python.*figure)) : atLeast(f.python.*figure, target4);
+    });
+  };
+  python("  Python lookup(str), one at a time", &PythonFigures::single, 0.34e6);
+  python("  Python lookup(ipaddress), one at a time", &PythonFigures::singleIpaddress, 0);
+  python(fmt::format("  Python lookup(list of {} str)", kBatch), &PythonFigures::batched, 2e6);
 
   section("records read per longestMatch (replayed descent, queries cycled in order)");
   both("  node records read, from the top-of-trie start down", [&](const FamilyFigures& f, bool) {

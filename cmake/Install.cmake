@@ -74,5 +74,3 @@ else()
 endif()
 configure_file(cmake/depottrie.pc.in ${PROJECT_BINARY_DIR}/depottrie.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/depottrie.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
-
-include(cmake/Package.cmake)

@@ -26,7 +26,11 @@ if(TARGET depottrie_python)
   list(APPEND CPACK_COMPONENTS_ALL python)
   set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-depottrie)
   set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "depottrie (= ${PROJECT_VERSION}), python3")
+  # dpkg-shlibdeps looks for the module's libDepotTrie among installed
+  # packages only; the library comes with the depottrie package. The module
+  # is built for one minor version of Python.
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "depottrie (= ${PROJECT_VERSION}), python3 (>= ${DEPOT_PYTHON_VERSION}), python3 (<< ${DEPOT_PYTHON_VERSION}.99)")
   set(CPACK_DEBIAN_PYTHON_DESCRIPTION "route table in shared memory: Python module\n The depottrie module reads and writes the route tables of libDepotTrie.")
 endif()
 include(CPack)

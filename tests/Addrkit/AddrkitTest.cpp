@@ -76,15 +76,6 @@ TEST(Prefix, MaskedKeepsTheFirstLenBits) {
   EXPECT_THROW(Ip6Prefix::masked(ones, 129), RangeException);
 }
 
-TEST(IpGenPrefix, FamilyFollowsTheTextAndEmptyIsNotTheDefaultRoute) {
-  const IpGenPrefix empty, any4("0.0.0.0/0"), any6("::/0");
-  EXPECT_TRUE(empty.isEmpty() && !any4.isEmpty() && !any6.isEmpty());
-  EXPECT_TRUE(any4 != empty && any4 != any6);
-  EXPECT_EQ(IpGenPrefix("10.0.0.0/8").v4(), Prefix("10.0.0.0/8"));
-  EXPECT_EQ(IpGenPrefix("2001:db8::/32").v6(), Ip6Prefix("2001:db8::/32"));
-  EXPECT_EQ(testing::PrintToString(std::tuple(empty, empty.af(), any4.af(), any6.af())), "(none, none, ipv4, ipv6)");
-}
-
 using Bytes = std::basic_string<U8>;
 
 // Reads a whole message body into p and returns it.

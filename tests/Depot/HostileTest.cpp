@@ -16,10 +16,8 @@ using testing::ThrowsMessage;
 class Hostile : public TableFixture {};
 namespace {
 
-const Depot::RecordLayout node{"test::Node", 29, 4, 5};
-std::array<U8, 29> record(U8 k) { return {0, 0, 0, 0, k, 1, 2, 3, 4, 5, k}; }
-auto writerOf(const Depot::TablePath& t) { return Depot::SharedTable::writerNew(node, t); }
-auto readerOf(const Depot::TablePath& t) { return Depot::SharedTable::readerNew(node, t); }
+auto writerOf(const Depot::TablePath& t) { return Depot::SharedTable::writerNew(node4, t); }
+auto readerOf(const Depot::TablePath& t) { return Depot::SharedTable::readerNew(node4, t); }
 bool asNobody() { return setgid(65534) == 0 && setuid(65534) == 0; }
 
 // Runs fn in a child: 0 when it raised E saying `says` within 5 s, -1 when it hung.
@@ -42,7 +40,7 @@ std::set<std::string> listing(const std::string& dir, std::set<std::string> name
 TEST_F(Hostile, NothingButARegularFileUnderItsOwnNameIsOpenedOrRemoved) {
   const Depot::TablePath table{root.path, "T/trieNode"}, victim{root.path, "V/trieNode"};
   const std::string path = table.path;
-  writerOf(victim)->write(record(1).data());
+  put(*writerOf(victim), 1, 1);
   const std::set<std::string> victimFiles = listing(root.file("V"));
   fs::create_directory(root.file("T"));
   ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
@@ -58,8 +56,7 @@ TEST_F(Hostile, NothingButARegularFileUnderItsOwnNameIsOpenedOrRemoved) {
   for (const auto& open : std::initializer_list<std::function<void()>>{[&] { readerOf(table); }, [&] { writerOf(table); },
            [&] { Depot::sharedTableDrop(table); }, [&] { Depot::sharedTableExists(table); }})
     EXPECT_EQ(refused(open, root.file("T") + " is a symbolic link"), 0);
-  std::array<U8, 29> got{};
-  EXPECT_TRUE(listing(root.file("V")) == victimFiles && readerOf(victim)->find(record(1).data() + 4, got.data()) && got == record(1));
+  EXPECT_TRUE(listing(root.file("V")) == victimFiles && version(*readerOf(victim), 1) == 1);
 
   // Leftovers are the exact names of an earlier writer's growth, and of its creation while its process is gone.
   fs::remove(root.file("T")), writerOf(table);
@@ -102,7 +99,7 @@ TEST_F(Hostile, ADirectoryOfAnotherUserOrOpenToAllIsRefused) {
 // alive again under another start time is not the writer.
 TEST_F(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
   const std::string path = root.file("T/trieNode");
-  writerOf(path)->write(record(1).data());
+  put(*writerOf(path), 1, 1);
   testkit::SharedCounters c;
   if (geteuid() == 0) {
     chmod(root.path.c_str(), 0755);
@@ -118,11 +115,11 @@ TEST_F(Hostile, NoReaderLocksOutTheWriterAndAKilledWriterIsGoneForEveryone) {
     std::ofstream(path + ".lock", std::ios::app) << std::string(200, ' ');  // a lock file longer than its reader expects
     EXPECT_EQ(refused([&] { writerOf(path); }, fmt::format("{} already has a writer (pid {})", path, getpid())), 0);
   }
-  testkit::Child w([&] { return writerOf(path)->write(record(2).data()), ++c->done, pause(); });
+  testkit::Child w([&] { return put(*writerOf(path), 2, 1), ++c->done, pause(); });
   ASSERT_TRUE(testkit::eventually([&] { return c->done == 1; }));
-  auto m = Depot::sharedfile::Mapping::attach(open(path.c_str(), O_RDWR), path, node, true);
+  auto m = damageable(path);
   m->seqWord(0) |= Depot::sharedfile::seqBusy;  // as if the writer were changing the slot
-  auto findBusy = [&] { readerOf(path)->find(record(1).data() + 4, std::array<U8, 29>().data()); };
+  auto findBusy = [&] { version(*readerOf(path), 1); };
   testkit::Child waiting([&] { const int r = refused<Depot::CorruptionException>(findBusy, "half-written"); return ++c->answered, r; });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(c->answered, 0u);  // waits while the writer lives

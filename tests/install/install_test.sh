@@ -100,5 +100,6 @@ debHas depottrie files '/bin/depottrie$' "/libDepotTrie\\.so\\.$version\$" '/man
 debHas depottrie Depends 'libc6' 'libstdc\+\+6' 'libfmt[0-9]' 'liblzma5'
 debHas depottrie-dev files '/include/RouteTable/RouteTable\.h$' '/libDepotTrie\.so$' '/DepotTrieConfig\.cmake$' '/depottrie\.pc$'
 debHas depottrie-dev Depends "depottrie \\(= $version\\)" 'libfmt-dev'
+! compgen -G "$build/python/depottrie*.so" >/dev/null || debHas python3-depottrie files '/dist-packages/depottrie\..*\.so$'
 ! dpkg-deb -c "$work/deb/depottrie_$version"_*.deb | grep -q '/include/' || fail "the runtime package holds headers"
 echo "install test: passed"

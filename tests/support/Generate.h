@@ -13,8 +13,7 @@ using Addrkit::IpGenPrefix, Basis::U32, Basis::U64;
 
 class PrefixGen {
  public:
-  // evenOnly: IPv4 lengths are even (where lpm answers a plain longest match).
-  explicit PrefixGen(U32 seed, bool evenOnly = false) : rng(seed), evenOnly_(evenOnly) {
+  explicit PrefixGen(U32 seed) : rng(seed) {
     bases4_ = {0x00000000u, 0xFFFFFF00u, 0x0A000000u, 0x0A010200u, 0xC0A80000u, U32(rng()), U32(rng())};
   }
   // Each draw is its own statement: the order of evaluation of operands is
@@ -37,8 +36,7 @@ class PrefixGen {
   // the /31 that shares it).
   IpGenPrefix prefix4() {
     for (;;) {
-      U32 len = rng() % 33;
-      if (evenOnly_) len &= ~1u;
+      const U32 len = rng() % 33;
       auto p = Addrkit::Prefix::masked(host4(), len);
       if ((p.addrHost() == 0 && len >= 31) || (p.addrHost() == ~0u && len == 32)) continue;
       return p;
@@ -77,7 +75,6 @@ class PrefixGen {
   std::mt19937 rng;
 
  private:
-  bool evenOnly_;
   std::vector<U32> bases4_;
 };
 

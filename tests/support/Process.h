@@ -46,7 +46,6 @@ class Child {
   }
   Child(Child&& o) noexcept : pid_(o.pid_) { o.pid_ = -1; }  // and no copies
 
-  void signal(int sig) const { kill(pid_, sig); }
   // Exit status, 100 + the signal that ended it, or -1 when it did not end
   // within the timeout (it is then killed).
   int wait(std::chrono::milliseconds timeout = std::chrono::seconds(90)) {
@@ -67,7 +66,7 @@ class Child {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
   }
   int kill9() {
-    signal(SIGKILL);
+    kill(pid_, SIGKILL);
     return wait();
   }
 
@@ -90,7 +89,6 @@ inline bool eventually(const std::function<bool()>& cond,
 struct Shared {
   std::atomic<uint64_t> done;      // operations the writer completed
   std::atomic<uint64_t> ready;     // processes ready to start
-  std::atomic<uint64_t> failed;    // failures seen by any process
   std::atomic<uint64_t> answered;  // queries answered by readers
 };
 
