@@ -62,9 +62,3 @@ TEST(Mount, AFailedMountKeepsTheLocalTableAndSaysSo) {
   EXPECT_EQ(std::pair(reader.map.mountStatus(), second.map.mountStatus()), std::pair(MountStatus::failed, MountStatus::failed));
   EXPECT_EQ(std::tuple(reader.values(2), second.values(2), first.values(2)), std::tuple(std::vector{1u, absent}, std::vector{absent, 2u}, std::vector{absent, absent}));
 }
-
-TEST(Mount, CollectionPathsStayUnderTheRoot) {
-  EXPECT_EQ(KilnDepot::collectionPath("T/trieNode", "/r") + KilnDepot::collectionPath("a/b/c", "/r"), "/r/T/trieNode/r/a/b/c");
-  for (const char* bad : {"", "/T/trieNode", "../trieNode", "T/../../x", "T//trieNode", "T/./trieNode", "T/", "."})
-    EXPECT_THROW(KilnDepot::collectionPath(bad, "/r"), Basis::RangeException) << bad;
-}

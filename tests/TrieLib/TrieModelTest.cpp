@@ -127,9 +127,7 @@ TEST(TrieModel, RandomHistoriesOfBothFamiliesMatchTheReference) {
       }
     }
     // Emptied, the trie may keep white branching nodes but no prefix.
-    for (const IpGenPrefix& p : std::vector<IpGenPrefix>(m.ref.all().begin(), m.ref.all().end())) {
-      ASSERT_TRUE(writer.erase(front(p))) << p;
-    }
+    for (const IpGenPrefix& p : std::vector<IpGenPrefix>(m.ref.all().begin(), m.ref.all().end())) ASSERT_TRUE(writer.erase(front(p))) << p;
     EXPECT_TRUE(checkTrie(t).empty() && reader.size() == 0);
     for (auto it = t.trieNodeMap().begin(); it.valid(); it.advance()) EXPECT_EQ(it->black(), 0u) << it->key();
   }
@@ -195,9 +193,8 @@ TEST(TrieModel, TheDeepestTriesOfBothFamiliesWork) {
   }
   EXPECT_EQ(checkTrie(t), std::vector<std::string>());
   const TrieStats stats = trieStats(t);
-  EXPECT_EQ(stats.v4.depthCount.size(), 17u);
-  EXPECT_EQ(stats.v6.depthCount.size(), 129u);
-  EXPECT_EQ(stats.v4.records, t.trieNodeMap().table().occupancy());
+  EXPECT_EQ(std::tuple(stats.v4.depthCount.size(), stats.v6.depthCount.size(), stats.v4.records),
+            std::tuple(17u, 129u, t.trieNodeMap().table().occupancy()));
   PrefixGen queries(4);
   ASSERT_NO_FATAL_FAILURE(expectTrieAnswers(t, m.ref, queries));
   ASSERT_NO_FATAL_FAILURE(expectTableAnswers(table, m, queries));

@@ -41,7 +41,8 @@ struct Root : TempRoot {
 // A table by name (its answers, a reader's, refusals and reopening are
 // checked by the model, process and Python tests): its files keep their mode
 // through growth; sized up front it does not grow; a local trie mounted on
-// it answers from it; drop removes it but not under a writer.
+// it answers from it; drop removes it but not under a writer; its name is a
+// plain path under the root.
 TEST(RouteTableMount, ModeSizingMountingAndDrop) {
   Root root;
   root.table.mode = 0600;
@@ -63,6 +64,8 @@ TEST(RouteTableMount, ModeSizingMountingAndDrop) {
     EXPECT_EQ(dynamic_cast<const Depot::SharedTable&>(*t).generation(), 1u);
   sized.ipv6Capacity = U64(1) << 40;  // more than a table holds: refused, nothing created
   EXPECT_TRUE(testing::Value([&] { RouteTable::openWriter("X", sized); }, testing::Throws<depottrie::Error>()) && !RouteTable::exists("X", root.table));
+  for (const char* bad : {"", "/T", "..", "../T", "T/../../x", "T//U", "T/./U", "."})  // names stay plain paths under the root
+    EXPECT_THROW(RouteTable::openWriter(bad, root.table), depottrie::Error) << bad;
   // A trie that answered from its local table answers from the shared one
   // once mounted, even where both tables' update counters read the same.
   auto local = trieFactory("T");
@@ -94,10 +97,8 @@ TEST(TrieUpdates, EachMutationIsOneUpdateOfItsFamilysTableOnly) {
     std::vector<U64> seen;  // the counter at every record change
     ChangeLog log(*t, [&](const Kiln::Change&) { seen.push_back(own.updateCounter()); });
     EXPECT_TRUE(step[0] == '+' ? (t->prefixIs(p), true) : t->prefixDel(p));
-    EXPECT_GE(seen.size(), 3u) << step;
-    EXPECT_THAT(seen, testing::Each(before + 1)) << step;
-    EXPECT_EQ(own.updateCounter(), before + 2) << step;
-    EXPECT_EQ(other.updateCounter(), otherBefore) << step;
+    EXPECT_THAT(seen, testing::AllOf(testing::SizeIs(testing::Ge(3u)), testing::Each(before + 1))) << step;
+    EXPECT_EQ(std::pair(own.updateCounter(), other.updateCounter()), std::pair(before + 2, otherBefore)) << step;
   }
 }
 
@@ -199,11 +200,7 @@ TEST(RouteTableProcesses, ConsistentReadersOnlySeeStatesBetweenChanges) {
   // lost, it ends where the writer did.
   const RouteTable follower = RouteTable::openReader("S", root.table);
   depottrie::ChangeFeed feed(follower);
-  auto listing = [&] {
-    std::map<Prefix, std::uint64_t> m;
-    for (const Route& r : follower) m[r.prefix] = r.value;
-    return m;
-  };
+  auto listing = [&] { std::map<Prefix, std::uint64_t> m; for (const Route& r : follower) m[r.prefix] = r.value; return m; };
   std::map<Prefix, std::uint64_t> seen;
   for (U64 polls = 0, quiet = 0; quiet < 2; ++polls) {
     const bool finished = shared->done == ops.size();
@@ -231,9 +228,8 @@ TEST(RouteTableFailures, AFailureAtAnyPointOfALoadWithGrowthLosesNothing) {
   U64 n = 1;
   for (bool failed = true; failed; ++n) {
     Root root;
-    const depottrie::Options& options = root.table;
-    RouteTable writer = RouteTable::openWriter("T", options);
-    const RouteTable reader = RouteTable::openReader("T", options);
+    RouteTable writer = RouteTable::openWriter("T", root.table);
+    const RouteTable reader = RouteTable::openReader("T", root.table);
     Model m;
     failed = false;
     Depot::injectFailureAt(n, n % 4 == 0);
@@ -249,15 +245,14 @@ TEST(RouteTableFailures, AFailureAtAnyPointOfALoadWithGrowthLosesNothing) {
       if (failed) continue;
       failed = true, offAt = i + 40;
       Depot::injectFailureAt(0);
-      ASSERT_EQ(std::vector<Route>(reader.begin(), reader.end()), m.all()) << "failure point " << n;
-      ASSERT_EQ(checkTrie(Access::trie(writer)), std::vector<std::string>()) << "failure point " << n;
+      ASSERT_EQ(std::pair(std::vector<Route>(reader.begin(), reader.end()), checkTrie(Access::trie(writer))),
+                std::pair(m.all(), std::vector<std::string>())) << "failure point " << n;
       Depot::injectFailureAt(n % 4 == 0 ? 1 : 0, true);  // every fourth time the disk stays full a while
     }
     Depot::injectFailureAt(0);
-    writer = RouteTable::openReader("T", options);
-    writer = RouteTable::openWriter("T", options);
-    ASSERT_EQ(std::vector<Route>(writer.begin(), writer.end()), m.all()) << "failure point " << n;
-    ASSERT_EQ(writer.size(), m.ref.size()) << "failure point " << n;
+    writer = RouteTable::openReader("T", root.table);
+    writer = RouteTable::openWriter("T", root.table);
+    ASSERT_EQ(std::pair(std::vector<Route>(writer.begin(), writer.end()), writer.size()), std::pair(m.all(), m.ref.size())) << n;
   }
   EXPECT_GT(n, 20u);  // the load met that many points
 }
@@ -287,8 +282,7 @@ TEST(RouteTableProcesses, AKilledWriterLeavesTheStateOfItsLastOrNextOperation) {
       }
       return 0;
     });
-    const size_t target = applied + 1 + gen.rng() % 300;
-    eventually([&] { return shared->done >= std::min(target, ops.size()); });
+    eventually([&, target = applied + 1 + gen.rng() % 300] { return shared->done >= std::min(target, ops.size()); });
     for (U32 n = gen.rng() % 100000; n > 0; --n) asm volatile("");  // anywhere in the next few
     const int status = child.kill9();
     ASSERT_TRUE(status == 0 || status == 100 + SIGKILL) << status;
@@ -303,8 +297,7 @@ TEST(RouteTableProcesses, AKilledWriterLeavesTheStateOfItsLastOrNextOperation) {
     if (returned < ops.size()) after.apply(ops[returned].prefix, ops[returned].insert, valueOf(returned));
     const std::vector<Route> now(t.begin(), t.end());
     ASSERT_TRUE(now == before.all() || now == after.all()) << "kill " << round << " after " << returned;
-    ASSERT_EQ(seen, now) << "kill " << round << " after " << returned;
-    ASSERT_EQ(t.size(), now.size()) << "kill " << round;
+    ASSERT_EQ(std::pair(seen, t.size()), std::pair(now, now.size())) << "kill " << round << " after " << returned;
     applied = now == before.all() ? returned : std::min(returned + 1, ops.size());
   }
 }

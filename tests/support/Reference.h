@@ -93,8 +93,7 @@ struct Model {
     insert ? (void)(ref.insert(p), values[p.stringValue()] = value) : (void)ref.erase(p);
   }
   std::optional<depottrie::Route> routeIf(const IpGenPrefix& p) const {
-    if (p.isEmpty()) return std::nullopt;
-    return depottrie::Route{front(p), values.at(p.stringValue())};
+    return p.isEmpty() ? std::nullopt : std::optional(depottrie::Route{front(p), values.at(p.stringValue())});
   }
   template <class Prefixes>
   std::vector<depottrie::Route> routes(const Prefixes& ps) const {

@@ -1,5 +1,5 @@
 // The depottrie binary run as a user runs it, for what the session files cannot show: damage made behind the
-// tool's back, lines too long to write down, and a reader and a writer process running at once.
+// tool's back, and a reader and a writer process running at once.
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <cstdio>
-#include <fstream>
 
 #include "Depot/SharedTableFile.h"
 #include "TrieLib/TrieMount.h"
@@ -48,17 +47,6 @@ TEST(DepottrieCli, CheckNamesDamageToTheRecordsAndAJournalTheNextWriterRefuses) 
   const Result check = run(shared + "check --name t"), load = run(shared + "batch --name t", "add 12.0.0.0/8\\n");
   const std::string says = file + ": damaged journal entry 0 of 1 (checksum mismatch): the unfinished update cannot be undone";
   EXPECT_EQ(std::tuple(check.status, check.out.find(says + "; its writer refuses it\n") != std::string::npos, load.status, load.out), std::tuple(1, true, 1, "depottrie: " + says + "\n"));
-}
-
-// A line past 4 KiB is an error of its own in load and batch, quoted by its start; the lines around it count.
-TEST(DepottrieCli, AnOverlongLineIsAnErrorOfItsOwnQuotedByItsStart) {
-  testkit::TempRoot root;
-  const std::string shared = "--root " + root.path + " ", file = root.file("routes"), says = "line longer than 4096 bytes: '";
-  std::ofstream(file) << "10.0.0.0/8\n" << std::string(1 << 24, '7') << "\n11.0.0.0/8\n";
-  const Result load = run(shared + "load --name t " + file), batch = run(shared + "batch --name t", "lpm 11.1.1.1\\n" + std::string(5000, 'x') + "\\nlpm 10.1.1.1\\n");
-  EXPECT_THAT(load.out, HasSubstr(file + ":2: " + says + std::string(40, '7') + "...'\n"));
-  EXPECT_EQ(std::tuple(load.out.size() < 1000, batch.status, batch.out),
-            std::tuple(true, 1, "11.0.0.0/8\nerror: line 2: " + says + std::string(40, 'x') + "...'\n10.0.0.0/8\n"));
 }
 
 // lookup - answers each query before the next comes while a writer process loads; stats names it, a second is refused.
