@@ -101,11 +101,6 @@ class DEPOTTRIE_API Trie : public Kiln::Entity {
   // changed since (kept in the process, about 2 MB for IPv4 and 3.5 MB for
   // IPv6 once used). Like every read of a trie, it serves one thread at a time.
   Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix) const;
-  // The same, fetching beside the descent the records that a table keyed
-  // by the family's prefixes (a table of values per prefix) holds under the
-  // likely answers, so that reading the answer's record there afterwards
-  // seldom waits for memory.
-  Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix, const Depot::Table* alongside) const;
   // longestMatch of each query into the answer at the same index (answers
   // must be at least as long), with the descents of several queries
   // interleaved so that their memory reads overlap. The answers are those of

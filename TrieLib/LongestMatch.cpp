@@ -39,13 +39,13 @@ namespace {
                                      trie->name(), family, limit));
 }
 
-// Starts fetching the index entries of key's record in a table, or
-// (records) the record they name.
-template <class Key>
-void fetch(const Depot::Table& table, const Key& key, bool records) {
+// Starts fetching the index entries of key's record, or (records) the
+// record they name.
+template <class Map, class Key>
+void fetch(const Map* map, const Key& key, bool records) {
   const U8* bytes = reinterpret_cast<const U8*>(&key);
-  if (records) table.prefetchRecord(bytes);
-  else table.prefetch(bytes);
+  if (records) map->table().prefetchRecord(bytes);
+  else map->table().prefetch(bytes);
 }
 
 // Where a descent stands: the longest match so far and the nodes read.
@@ -130,16 +130,14 @@ class Descent4 {
     if (next_ == nullPrefix) finishDown();
   }
   bool done() const { return next_ == nullPrefix; }
-  void fetchNext(bool records) const { fetch(map_->table(), next_, records); }
+  void fetchNext(bool records) const { fetch(map_, next_, records); }
   // Most stored prefixes are /24 to /21, held by nodes keyed by the /24 or
   // the /22 of their addresses: the descent likely ends on one of those,
-  // whose fetch (in the trie's table, or one keyed alike) can start before
-  // the descent gets there.
-  void fetchLikelyEnd(const Depot::Table& table, bool records) const {
+  // whose fetch can start before the descent gets there.
+  void fetchLikelyEnd(bool records) const {
     for (U32 len : {24u, 22u})
-      if (query_.len() >= len) fetch(table, Key::masked(query_.addrHost(), len), records);
+      if (query_.len() >= len) fetch(map_, Key::masked(query_.addrHost(), len), records);
   }
-  const Depot::Table& table() const { return map_->table(); }
   // Reads the next record: a node on the way down, then neighbours.
   void advance() {
     if (down_) {
@@ -248,14 +246,13 @@ class Descent6 {
     if (next_ == nullPrefix6) end();
   }
   bool done() const { return next_ == nullPrefix6; }
-  void fetchNext(bool records) const { fetch(map_->table(), next_, records); }
+  void fetchNext(bool records) const { fetch(map_, next_, records); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
   // the descent likely ends on the node of one of those.
-  void fetchLikelyEnd(const Depot::Table& table, bool records) const {
+  void fetchLikelyEnd(bool records) const {
     for (U32 len : {64u, 48u})
-      if (query_.len() >= len) fetch(table, Key::masked(query_.address(), len), records);
+      if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
   }
-  const Depot::Table& table() const { return map_->table(); }
   void advance() {
     if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
     std::optional<TrieNode6> found = map_->find(next_);
@@ -290,20 +287,16 @@ class Descent6 {
 };
 
 // One query: each read depends on the one before, but the likely last one
-// (and its record in a table alongside) can be fetched beside them. A
-// record's fetch reads the index entry that names it, so it is started a
-// read after that entry's own fetch, when the entry has likely arrived.
+// can be fetched beside them.
 template <class D>
 Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
-                              std::vector<TopEntry<typename D::Key>>* top, const Depot::Table* alongside) {
+                              std::vector<TopEntry<typename D::Key>>* top) {
   D d;
   d.start(trie, query, top);
-  d.fetchLikelyEnd(d.table(), false);
-  if (alongside) d.fetchLikelyEnd(*alongside, false);
-  for (U32 step = 0; !d.done(); ++step) {
+  d.fetchLikelyEnd(false);
+  for (bool first = true; !d.done(); first = false) {
     d.advance();
-    if (step == 0) d.fetchLikelyEnd(d.table(), true);
-    if (step == 1 && alongside) d.fetchLikelyEnd(*alongside, true);
+    if (first) d.fetchLikelyEnd(true);
   }
   return d.answer();
 }
@@ -367,15 +360,9 @@ Trie::TopOfTrie& Trie::topOfTrie() const {
 }
 
 Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) const {
-  return longestMatch(prefix, nullptr);
-}
-
-Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix, const Depot::Table* alongside) const {
   switch (prefix.af()) {
-    case Addrkit::AddressFamily::ipv4:
-      return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_), alongside);
-    case Addrkit::AddressFamily::ipv6:
-      return matchOne<Descent6>(this, prefix.v6(), topOfTrie().v6.of(trieNode6_), alongside);
+    case Addrkit::AddressFamily::ipv4: return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_));
+    case Addrkit::AddressFamily::ipv6: return matchOne<Descent6>(this, prefix.v6(), topOfTrie().v6.of(trieNode6_));
     default: return {};
   }
 }
