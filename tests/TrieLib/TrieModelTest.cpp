@@ -79,8 +79,7 @@ void expectTableAnswers(const RouteTable& t, const Model& m, PrefixGen& gen) {
   std::vector<Prefix> asked(queries.size());
   std::transform(queries.begin(), queries.end(), asked.begin(), front);
   std::vector<std::optional<Route>> batched(asked.size()), unguarded(asked.size());
-  t.lookup(asked, batched);
-  t.lookupUnguarded(asked, unguarded);
+  t.lookup(asked, batched), t.lookupUnguarded(asked, unguarded);
   for (size_t i = 0; i < queries.size(); ++i) {
     const IpGenPrefix& q = queries[i];
     const auto want = m.routeIf(m.ref.longestMatch(q));
@@ -88,6 +87,7 @@ void expectTableAnswers(const RouteTable& t, const Model& m, PrefixGen& gen) {
     ASSERT_TRUE(batched[i] == want && unguarded[i] == want && t.lookupUnguarded(asked[i]) == want) << "batched " << q;
     ASSERT_EQ(t.find(asked[i]), m.ref.contains(q) ? m.routeIf(q) : std::nullopt) << "find " << q;
     ASSERT_EQ(t.covering(asked[i]), m.routes(m.ref.covering(q))) << "covering " << q;
+    for (const Route& r : t.covering(asked[i])) ASSERT_TRUE(r.prefix.contains(asked[i]) && asked[i].contains(r.prefix) == (r.prefix == asked[i])) << q;
     ASSERT_EQ(t.covered(asked[i]), m.routes(m.ref.covered(q))) << "covered " << q;
     ASSERT_EQ(t.next(asked[i]), m.routeIf(m.ref.next(q))) << "next " << q;
   }
