@@ -373,7 +373,8 @@ std::optional<Route> RouteTable::lookup(const Prefix& addressOrPrefix) const {
   return guarded([&] {
     Impl& t = *impl_;
     const IpGenPrefix g = detail::toGen(addressOrPrefix);
-    return t.read(g.af(), [&] { return t.routeIf(t.trie->longestMatch(g)); });
+    const Depot::Table* values = t.values.table(g.af());
+    return t.read(g.af(), [&] { return t.routeIf(t.trie->longestMatch(g, values)); });
   });
 }
 
@@ -381,7 +382,7 @@ std::optional<Route> RouteTable::lookupUnguarded(const Prefix& addressOrPrefix) 
   std::lock_guard lock(impl_->mutex);
   return guarded([&] {
     const IpGenPrefix g = detail::toGen(addressOrPrefix);
-    return impl_->routeIf(impl_->trie->longestMatch(g));
+    return impl_->routeIf(impl_->trie->longestMatch(g, impl_->values.table(g.af())));
   });
 }
 

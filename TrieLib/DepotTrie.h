@@ -100,7 +100,11 @@ class DEPOTTRIE_API Trie : public Kiln::Entity {
   // last descent with the same leading bits went on while the table has not
   // changed since (kept in the process, about 2 MB for IPv4 and 3.5 MB for
   // IPv6 once used). Like every read of a trie, it serves one thread at a time.
-  Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix) const;
+  // answers: a table keyed by the family's prefixes whose record of the
+  // answer the caller reads next (a value per prefix); each better match the
+  // descent finds starts the fetch of its index entry there, so that read
+  // waits for less.
+  Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix, const Depot::Table* answers = nullptr) const;
   // longestMatch of each query into the answer at the same index (answers
   // must be at least as long), with the descents of several queries
   // interleaved so that their memory reads overlap. The answers are those of

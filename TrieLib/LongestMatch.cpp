@@ -54,8 +54,18 @@ struct Progress {
   bool found = false;
   Key best;
   U32 depth = 0;
+  // A table keyed by prefix whose record of the answer will be read next
+  // (a value per prefix): each new best match starts the fetch of its index
+  // entry, which then arrives while the descent goes on.
+  const Depot::Table* answers = nullptr;
   void consider(const Key& match) {
-    if (!found || match.len() > best.len()) best = match, found = true;
+    if (found && match.len() <= best.len()) return;
+    best = match, found = true;
+    if (answers) answers->prefetch(reinterpret_cast<const U8*>(&best));
+  }
+  void answersIn(const Depot::Table* t) {
+    answers = t;
+    if (t && found) t->prefetch(reinterpret_cast<const U8*>(&best));
   }
 };
 
@@ -131,6 +141,7 @@ class Descent4 {
   }
   bool done() const { return next_ == nullPrefix; }
   void fetchNext(bool records) const { fetch(map_, next_, records); }
+  void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
   // Most stored prefixes are /24 to /21, held by nodes keyed by the /24 or
   // the /22 of their addresses: the descent likely ends on one of those,
   // whose fetch can start before the descent gets there.
@@ -247,6 +258,7 @@ class Descent6 {
   }
   bool done() const { return next_ == nullPrefix6; }
   void fetchNext(bool records) const { fetch(map_, next_, records); }
+  void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
   // the descent likely ends on the node of one of those.
   void fetchLikelyEnd(bool records) const {
@@ -290,9 +302,10 @@ class Descent6 {
 // can be fetched beside them.
 template <class D>
 Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
-                              std::vector<TopEntry<typename D::Key>>* top) {
+                              std::vector<TopEntry<typename D::Key>>* top, const Depot::Table* answers) {
   D d;
   d.start(trie, query, top);
+  if (answers) d.fetchAnswersIn(answers);
   d.fetchLikelyEnd(false);
   for (bool first = true; !d.done(); first = false) {
     d.advance();
@@ -359,10 +372,12 @@ Trie::TopOfTrie& Trie::topOfTrie() const {
   return *topOfTrie_;
 }
 
-Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix) const {
+Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix, const Depot::Table* answers) const {
   switch (prefix.af()) {
-    case Addrkit::AddressFamily::ipv4: return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_));
-    case Addrkit::AddressFamily::ipv6: return matchOne<Descent6>(this, prefix.v6(), topOfTrie().v6.of(trieNode6_));
+    case Addrkit::AddressFamily::ipv4:
+      return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_), answers);
+    case Addrkit::AddressFamily::ipv6:
+      return matchOne<Descent6>(this, prefix.v6(), topOfTrie().v6.of(trieNode6_), answers);
     default: return {};
   }
 }
