@@ -43,9 +43,7 @@ Change decode(const Entry& e) {
 }  // namespace
 
 Depot::TablePath ChangeRing::path(const std::string& name, const std::string& root) {
-  Depot::TablePath p(root, fmt::format("{}/changes", name));
-  KilnDepot::collectionPath(p.name, p.root);  // refuses a name that is no plain path
-  return p;
+  return KilnDepot::collectionTable(root, name, "changes");
 }
 
 std::unique_ptr<ChangeRing> ChangeRing::writer(const std::string& name, const std::string& root, unsigned mode,

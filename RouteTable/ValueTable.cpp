@@ -1,7 +1,5 @@
 #include "RouteTable/ValueTable.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -42,10 +40,7 @@ struct Record {
 }  // namespace
 
 std::array<Depot::TablePath, 2> ValueTables::files(const std::string& name, const std::string& root) {
-  std::array<Depot::TablePath, 2> files{Depot::TablePath(root, fmt::format("{}/value", name)),
-                                        Depot::TablePath(root, fmt::format("{}/value6", name))};
-  for (const Depot::TablePath& f : files) KilnDepot::collectionPath(f.name, f.root);  // refuses a name that is no plain path
-  return files;
+  return {KilnDepot::collectionTable(root, name, "value"), KilnDepot::collectionTable(root, name, "value6")};
 }
 
 ValueTables ValueTables::writer(const std::string& name, const std::string& root, unsigned mode, U64 capacity4,

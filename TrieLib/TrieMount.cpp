@@ -13,10 +13,8 @@ namespace {
 
 // The two collection tables of the trie named `name` (its bindings' names).
 std::array<Depot::TablePath, 2> collectionFiles(const Basis::String& name, const MountOptions& options) {
-  std::array<Depot::TablePath, 2> files{Depot::TablePath(options.root, fmt::format("{}/trieNode", name)),
-                                        Depot::TablePath(options.root, fmt::format("{}/trieNode6", name))};
-  for (const Depot::TablePath& f : files) KilnDepot::collectionPath(f.name, f.root);  // refuses a name that is no plain path
-  return files;
+  return {KilnDepot::collectionTable(options.root, name, "trieNode"),
+          KilnDepot::collectionTable(options.root, name, "trieNode6")};
 }
 
 }  // namespace

@@ -21,6 +21,12 @@ std::string collectionPath(const std::string& name, const std::string& root) {
   return fmt::format("{}/{}", root, name);
 }
 
+Depot::TablePath collectionTable(const std::string& root, const std::string& owner, const std::string& attribute) {
+  const std::string name = fmt::format("{}/{}", owner, attribute);
+  collectionPath(name, root);
+  return {root, name};
+}
+
 namespace {
 
 // The shared table of a binding; collectionPath refuses a name that is no

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "Basis/Types.h"
+#include "Depot/SharedTable.h"
 #include "KilnDepot/KilnDepotMap.h"
 
 namespace KilnDepot {
@@ -11,6 +12,9 @@ using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
 // "{root}/{collection name}". Raises Basis::RangeException for a name that
 // is no relative path of plain parts (empty, absolute, "." or "..").
 std::string collectionPath(const std::string& collectionName, const std::string& root);
+// The shared table of the collection "{owner}/{attribute}" under root, with
+// the name refused as collectionPath refuses it.
+Depot::TablePath collectionTable(const std::string& root, const std::string& owner, const std::string& attribute);
 
 // Makes the binding the writer of its shared table: creates the table, or
 // reopens it when a writer restarts, copies in the records written locally

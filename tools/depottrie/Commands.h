@@ -37,9 +37,6 @@ struct Target {
 // Basis::RangeException "invalid IPv4 prefix 'TEXT'[: WHY]" (IPv6 when it
 // holds ':').
 Addrkit::IpGenPrefix prefixFromText(std::string_view text);
-// The keys the trie keeps for itself, which cannot be stored as routes:
-// 0.0.0.0/32, 0.0.0.0/31, 255.255.255.255/32, ::/128 and the all-ones /128.
-bool reservedPrefix(const Addrkit::IpGenPrefix& p);
 // The storage keys of the default routes, which a successor search refuses.
 bool defaultRouteKey(const Addrkit::IpGenPrefix& p);
 // The order of walks: IPv4 before IPv6, then by address (unsigned), then

@@ -12,12 +12,6 @@ using Addrkit::IpGenPrefix;
 
 IpGenPrefix prefixFromText(std::string_view text) { return IpGenPrefix(text); }
 
-bool reservedPrefix(const IpGenPrefix& p) {
-  using namespace Routing::Lattice;
-  static const IpGenPrefix defaultRouteNode("0.0.0.0/31");  // its node would be the IPv4 default route's record
-  return p == IpGenPrefix(rootPrefix) || p == IpGenPrefix(rootPrefix6) || defaultRouteKey(p) || p == defaultRouteNode;
-}
-
 bool defaultRouteKey(const IpGenPrefix& p) {
   using namespace Routing::Lattice;
   return p == IpGenPrefix(prefix032) || p == IpGenPrefix(prefix0128);

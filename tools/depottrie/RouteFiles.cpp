@@ -11,6 +11,7 @@
 
 #include "Commands.h"
 #include "Input.h"
+#include "RouteTable/Convert.h"
 
 namespace DepotTrieTool {
 namespace {
@@ -32,7 +33,7 @@ std::vector<std::string_view> routeWords(std::string_view line) {
 
 Route routeOf(const std::vector<std::string_view>& words) {
   Route route{prefixFromText(words[0])};
-  if (reservedPrefix(route.prefix)) {
+  if (depottrie::RouteTable::reserved(depottrie::detail::fromGen(route.prefix))) {
     throw Basis::RangeException(fmt::format("prefix '{}' is reserved by the trie and cannot be stored", words[0]));
   }
   if (words.size() > 1) {
