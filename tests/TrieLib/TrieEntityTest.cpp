@@ -64,6 +64,45 @@ TEST(TrieEntity, WritesAndRemovalsOfPresentKeysPublishAndEveryCallCounts) {
   EXPECT_EQ(count(*trie, "trieNode6Del"), 1u);
 }
 
+TEST(TrieEntity, DelAllIsQuietWithoutSubscribersAndPublishesEachRecordWithThem) {
+  for (bool listening : {false, true}) {
+    auto trie = trieFactory("all");
+    for (U32 i = 1; i <= 150; ++i) trie->trieNodeIs(TrieNode(Prefix::masked(i << 8, 24)));
+    std::optional<ChangeLog> rec;
+    if (listening) rec.emplace(*trie);
+    trie->trieNodeDelAll();
+    EXPECT_EQ(trie->trieNodeMap().table().occupancy(), 0u);
+    EXPECT_EQ(count(*trie, "trieNodeDel"), listening ? 151u : 0u);
+    EXPECT_EQ(rec ? rec->changes.size() : 0u, listening ? 151u : 0u);
+  }
+}
+
+TEST(TrieEntity, ControlsOwnTheTrieOnceItsUsersLetGo) {
+  Basis::Ptr<KilnDepot::CollectionControl> control;
+  {
+    auto trie = trieFactory("orphan");
+    trie->prefixIs(IpGenPrefix("10.0.0.0/8"));
+    control = trie->trieNodeControl();
+  }
+  auto* trie = static_cast<Trie*>(control->entityRef().ptr());
+  ASSERT_NE(trie, nullptr);
+  EXPECT_EQ(trie->lpm(IpGenPrefix("10.1.1.1")), IpGenPrefix("10.0.0.0/8"));
+  EXPECT_EQ(control->binding(), &trie->trieNodeMap());
+  control.reset();  // everything goes now; ASan checks that nothing leaks
+}
+
+TEST(TrieEntity, ParentingRenamesTheCollectionsOnFreshWriters) {
+  auto parent = Kiln::entityNew<Kiln::Entity>("routing");
+  auto trie = trieFactory("rib");
+  trie->prefixIs(IpGenPrefix("10.0.0.0/8"));
+  trie->parentIs(parent.ptr());
+  EXPECT_EQ(trie->trieNodeMap().name(), "routing/rib/trieNode");
+  EXPECT_EQ(trie->trieNodeMap().table().occupancy(), 0u);
+  EXPECT_THROW(trie->parentIs(parent.ptr()), Basis::Exception);
+  trie->parentIs(nullptr);
+  EXPECT_EQ(trie->trieNode6Map().name(), "rib/trieNode6");
+}
+
 TEST(TrieNodeForms, TextFormPrintsEveryFieldAndParsesBack) {
   TrieNode n(Prefix("10.0.0.0/8"));
   n.blackIs(16777216);

@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <map>
+#include <sstream>
 
 #include "Depot/SharedTableFile.h"
 #include "TrieLib/TrieMount.h"
@@ -73,4 +75,32 @@ TEST(DepottrieCli, LookupAnswersAStreamOfQueriesWhileAWriterLoads) {
               testing::AllOf(testing::Not(HasSubstr(" none\n")), HasSubstr("already has a writer (pid ")));
   fclose(queries);
   EXPECT_EQ(std::pair(pclose(writer), pclose(answers)), std::pair(0, 0));
+}
+
+// watch follows a writer process through a load that grows the tables: its lines, replayed ("*" forgets, "+" stores,
+// "-" removes), end at the routes the writer stored, values included.
+TEST(DepottrieCli, WatchFollowsAWriterThroughGrowth) {
+  testkit::TempRoot root;
+  const std::string shared = "--root " + root.path + " ";
+  FILE* writer = popen(fmt::format("'{}' {} load --name t - >/dev/null", DEPOTTRIE_BIN, shared).c_str(), "w");
+  ASSERT_TRUE(testkit::eventually([&] { return std::filesystem::exists(root.file("t/changes")); }));
+  FILE* watch = popen(fmt::format("'{}' {} watch --name t --after 0 --seconds 2", DEPOTTRIE_BIN, shared).c_str(), "r");
+  std::map<std::string, std::string> want, seen;
+  for (int i = 0; i < 4000; ++i) {
+    const std::string prefix = fmt::format("10.{}.{}.0/24", i / 256, i % 256), value = std::to_string(i % 7 ? i : 0);
+    fmt::print(writer, "{} {}\n", prefix, value), want[prefix] = value;
+  }
+  fmt::print(writer, "10.0.5.0/24 77\n"), want["10.0.5.0/24"] = "77";  // a new value for a stored prefix
+  EXPECT_EQ(pclose(writer), 0);
+  char line[256];
+  while (fgets(line, sizeof line, watch)) {
+    std::istringstream words(line);
+    std::string sign, prefix, value = "0";
+    words >> sign >> prefix >> value;
+    if (sign == "*") seen.clear();
+    else if (sign == "+") seen[prefix] = value;
+    else seen.erase(prefix);
+  }
+  EXPECT_EQ(pclose(watch), 0);
+  EXPECT_EQ(seen, want);
 }
