@@ -26,6 +26,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <bit>
 #include <optional>
 
 #include "TrieLib/TopOfTrie.h"
@@ -127,6 +128,7 @@ class Descent4 {
     progress_ = {};
     down_ = true;
     neighbours_ = 0;
+    answerLengths_ = 0;
     top_ = {};
     if (top && query.len() >= topBits) {
       const U32 lead = query.addrHost() >> (32 - topBits);
@@ -142,12 +144,42 @@ class Descent4 {
   bool done() const { return next_ == nullPrefix; }
   void fetchNext(bool records) const { fetch(map_, next_, records); }
   void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
-  // Most stored prefixes are /24 to /21, held by nodes keyed by the /24 or
-  // the /22 of their addresses: the descent likely ends on one of those,
-  // whose fetch can start before the descent gets there.
-  void fetchLikelyEnd(bool records) const {
-    for (U32 len : {24u, 22u})
-      if (query_.len() >= len) fetch(map_, Key::masked(query_.addrHost(), len), records);
+  // Every node the descent can still read is keyed by the query cut to an
+  // even length between the next node's and the query's own (rounded up,
+  // for an odd length's node): at most eight below the top-of-trie start.
+  // Fetching all their index entries at once, and once those are in, the
+  // records of the keys found, turns the two dependent misses per node
+  // below the cached levels into two rounds of misses in flight; the keys
+  // that are no node cost one index line each. Upper levels stay in cache,
+  // so the fetch starts at /16 for a descent from the top. The index
+  // entries are fetched before the first node is read (which is read at
+  // once), the records after it.
+  //
+  // With a table of answers, a node found there often carries the prefix of
+  // its own key as the answer (about half the lookups on the sample table):
+  // the answers' index entries of those keys are fetched beside the
+  // records, and their records after the next node (fetchAnswersAhead), so
+  // that such an answer's record is in by the end of the descent rather
+  // than two misses after it.
+  void fetchAhead(bool records) {
+    if (done()) return;
+    const U32 last = std::min(query_.len() + 1, 32u);
+    const Depot::Table& nodes = map_->table();
+    for (U32 len = std::max(records ? next_.len() : next_.len() + 2, topBits); len <= last; len += 2) {
+      const Key key = Key::masked(query_.addrHost(), len);
+      const U8* bytes = reinterpret_cast<const U8*>(&key);
+      if (!records) nodes.prefetch(bytes);
+      else if (nodes.prefetchRecord(bytes) && progress_.answers && len <= query_.len()) {
+        progress_.answers->prefetch(bytes);
+        answerLengths_ |= U64(1) << len;
+      }
+    }
+  }
+  void fetchAnswersAhead() {
+    for (U64 lengths = answerLengths_; lengths; lengths &= lengths - 1) {
+      const Key key = Key::masked(query_.addrHost(), U32(std::countr_zero(lengths)));
+      progress_.answers->prefetchRecord(reinterpret_cast<const U8*>(&key));
+    }
   }
   // Reads the next record: a node on the way down, then neighbours.
   void advance() {
@@ -228,6 +260,8 @@ class Descent4 {
   bool down_ = true;
   std::array<Neighbour, Trie::ipv4TrieMaxDepth() + 2> neighbour_;
   U32 neighbours_ = 0;
+  // The lengths whose answer records fetchAnswersAhead fetches.
+  U64 answerLengths_ = 0;
 };
 
 class Descent6 {
@@ -260,11 +294,14 @@ class Descent6 {
   void fetchNext(bool records) const { fetch(map_, next_, records); }
   void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
-  // the descent likely ends on the node of one of those.
-  void fetchLikelyEnd(bool records) const {
+  // the descent likely ends on the node of one of those. (Fetching every
+  // length ahead, as IPv4 does, costs more in hashing 17-byte keys than
+  // the overlap saves on a binary trie.)
+  void fetchAhead(bool records) const {
     for (U32 len : {64u, 48u})
       if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
   }
+  void fetchAnswersAhead() const {}
   void advance() {
     if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
     std::optional<TrieNode6> found = map_->find(next_);
@@ -298,18 +335,19 @@ class Descent6 {
   Key next_;
 };
 
-// One query: each read depends on the one before, but the likely last one
-// can be fetched beside them.
+// One query: each read depends on the one before, but the records it will
+// likely read can be fetched beside them.
 template <class D>
 Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
                               std::vector<TopEntry<typename D::Key>>* top, const Depot::Table* answers) {
   D d;
   d.start(trie, query, top);
   if (answers) d.fetchAnswersIn(answers);
-  d.fetchLikelyEnd(false);
-  for (bool first = true; !d.done(); first = false) {
+  d.fetchAhead(false);
+  for (U32 step = 0; !d.done(); ++step) {
     d.advance();
-    if (first) d.fetchLikelyEnd(true);
+    if (step == 0) d.fetchAhead(true);
+    else if (step == 1 && answers) d.fetchAnswersAhead();
   }
   return d.answer();
 }

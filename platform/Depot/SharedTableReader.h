@@ -130,7 +130,7 @@ class SharedTableBase : public SharedTable {
   }
   // The first entry of the probe sequence whose tag matches names the slot
   // to fetch; a few entries suffice, the lookup itself goes on from there.
-  void prefetchRecord(const U8* key) const final {
+  bool prefetchRecord(const U8* key) const final {
     const Mapping& m = *map_;
     const Geometry& g = m.geometry();
     const U64 hash = keys_.hash(key);
@@ -139,14 +139,15 @@ class SharedTableBase : public SharedTable {
     U64 pos = homeEntry(hash, g.indexEntries);
     for (U32 n = 0; n < 8; ++n, pos = nextPosition(g, pos)) {
       const U32 e = loadRelaxed(m.indexEntry(pos));
-      if (e == 0) return;
+      if (e == 0) return false;
       if ((e & ~slotMask) != tag || (e & slotMask) == 0 || (e & slotMask) > g.capacity) continue;
       const U8* slot = m.slot((e & slotMask) - 1);
       __builtin_prefetch(slot);
       // A record that straddles two cache lines needs both.
       __builtin_prefetch(slot + g.stride - 1);
-      return;
+      return true;
     }
+    return false;
   }
 
   // A whole iteration starts by looking for an update left open by a

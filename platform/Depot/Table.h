@@ -84,10 +84,11 @@ class DEPOTTRIE_API Table {
   // Hints that key is about to be looked up or written, so that the memory
   // reads of several lookups overlap: prefetch starts fetching the index
   // its lookup reads first; prefetchRecord, called once that has had time
-  // to arrive, starts fetching the record the index names. Neither changes
-  // anything, waits for a writer or reports damage.
+  // to arrive, starts fetching the record the index names, and tells
+  // whether it named one (which may still be another key's, or gone). Neither
+  // changes anything, waits for a writer or reports damage.
   virtual void prefetch(const U8*) const {}
-  virtual void prefetchRecord(const U8*) const {}
+  virtual bool prefetchRecord(const U8*) const { return false; }
   // The stored record under key for a writer to change in place, or nullptr.
   virtual U8* inPlace(const U8* key) = 0;
   // Publishes a record changed in place as one whole change.
