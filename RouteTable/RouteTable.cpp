@@ -46,6 +46,11 @@ namespace {
 AddressFamily afOf(Family f) { return f == Family::ipv4 ? AddressFamily::ipv4 : AddressFamily::ipv6; }
 
 Routing::Lattice::MountOptions mountOptions(const Options& o) {
+  // Permission bits only, and the writer (the owner) must keep reading and
+  // writing its files: a new writer of the table opens them again.
+  if (o.mode > 0777 || (o.mode & 0600) != 0600)
+    throw Error(fmt::format("mode {:04o}: a table's mode is permission bits (at most 0777) that leave its owner "
+                            "read and write, such as 0600, 0640 or 0644", o.mode));
   Routing::Lattice::MountOptions m;
   if (!o.root.empty()) m.root = o.root;
   m.mode = o.mode;

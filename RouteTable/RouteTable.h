@@ -88,7 +88,9 @@ struct Route {
 
 struct Options {
   std::string root;       // directory of the tables; empty: $DEPOT_ROOT, else /dev/shm/depot
-  unsigned mode = 0644;   // permission bits of a new table's files; an existing table keeps its own
+  // Permission bits of a new table's files (at most 0777, the owner keeping
+  // read and write; anything else raises Error); an existing table keeps its own.
+  unsigned mode = 0644;
   // Prefixes a new table has room for from the start, per family (0: it
   // starts small and grows, each growth a copy). An existing table keeps its size.
   std::uint64_t ipv4Capacity = 0;

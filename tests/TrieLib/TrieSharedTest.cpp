@@ -66,6 +66,7 @@ TEST(RouteTableMount, ModeSizingMountingAndDrop) {
   EXPECT_TRUE(testing::Value([&] { RouteTable::openWriter("X", sized); }, testing::Throws<depottrie::Error>()) && !RouteTable::exists("X", root.table));
   for (const char* bad : {"", "/T", "..", "../T", "T/../../x", "T//U", "T/./U", "."})  // names stay plain paths under the root
     EXPECT_THROW(RouteTable::openWriter(bad, root.table), depottrie::Error) << bad;
+  for (unsigned mode : {0u, 0400u, 01644u}) EXPECT_THROW(RouteTable::openWriter("M", {.root = root.path, .mode = mode}), depottrie::Error) << mode;
   // A trie that answered from its local table answers from the shared one
   // once mounted, even where both tables' update counters read the same.
   auto local = trieFactory("T");
