@@ -8,7 +8,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
-#include <unordered_set>
+#include <deque>
 
 #include "TrieLib/TrieFamily.h"
 
@@ -28,6 +28,16 @@ const char* slotName(U32 slot) {
   static const char* const names[] = {"child00", "child01", "child10", "child11"};
   return names[slot];
 }
+
+// The children a node check finds sound enough to descend into.
+template <class Key>
+struct Children {
+  std::array<Key, 4> keys;
+  U32 count = 0;
+  void push_back(const Key& k) { keys[count++] = k; }
+  const Key* begin() const { return keys.data(); }
+  const Key* end() const { return keys.data() + count; }
+};
 
 // The family traits with the checks of each family's node shape.
 struct Check4 : Family4 {
@@ -51,7 +61,7 @@ struct Check4 : Family4 {
   // Checks the node against its parent's key length; returns the children
   // that are sound enough to descend into.
   template <class Report>
-  static std::vector<Key> checkNode(const Record& n, U32 parentLen, Report&& report) {
+  static Children<Key> checkNode(const Record& n, U32 parentLen, Report&& report) {
     const Key& key = n.key();
     const U32 len = key.len();
     if (len % 2) report(fmt::format("IPv4 node {}: key length {} is odd", key, len));
@@ -59,7 +69,7 @@ struct Check4 : Family4 {
       report(fmt::format("IPv4 node {}: black 0x{:08x} marks lengths off its edge ({}..{}): {}", key, n.black(),
                          parentLen + 1, len, lengthList(outside, 0)));
     }
-    std::vector<Key> children;
+    Children<Key> children;
     for (U32 slot = 0; slot < 4; ++slot) {
       const Key& c = n.child(slot);
       if (c == nullPrefix) continue;
@@ -99,7 +109,7 @@ struct Check6 : Family6 {
   }
 
   template <class Report>
-  static std::vector<Key> checkNode(const Record& n, U32 parentLen, Report&& report) {
+  static Children<Key> checkNode(const Record& n, U32 parentLen, Report&& report) {
     const Key& key = n.key();
     const U32 len = key.len();
     if (key == prefix0128) report("IPv6 record ::/128 (the default route) is linked into the tree");
@@ -112,7 +122,7 @@ struct Check6 : Family6 {
     const bool hasLeft = n.leftChild() != nullPrefix6;
     const bool hasRight = n.rightChild() != nullPrefix6;
     if (hasLeft != hasRight) report(fmt::format("IPv6 node {}: has one child; a node has two or none", key));
-    std::vector<Key> children;
+    Children<Key> children;
     for (U32 side = 0; side < 2; ++side) {
       const Key& c = side ? n.rightChild() : n.leftChild();
       const char* field = side ? "rightChild" : "leftChild";
@@ -133,15 +143,14 @@ struct Check6 : Family6 {
   }
 };
 
-template <size_t N>
-struct BytesHash {
-  size_t operator()(const std::array<U8, N>& a) const {
-    return std::hash<std::string_view>()(std::string_view(reinterpret_cast<const char*>(a.data()), N));
-  }
-};
-
 // Walks one family's records from its root record, reporting problems (when
 // asked to) and filling the family's statistics.
+//
+// The walk goes breadth first, so the records it reads next are known well
+// before their turn and are fetched (index entry, then record) a few nodes
+// ahead; it marks each record it reaches by its slot, so a record reached
+// twice, and one never reached (found by the sweep over every slot), cost a
+// bit each rather than a set of keys.
 template <class F>
 class Walker {
  public:
@@ -149,18 +158,20 @@ class Walker {
   using Record = typename F::Record;
 
   Walker(const Trie& trie, std::vector<std::string>* problems, TrieStats::Family& stats)
-      : trie_(trie), table_(F::map(trie).table()), problems_(problems), stats_(stats) {}
+      : table_(F::map(trie).table()), problems_(problems), stats_(stats) {}
 
   void run() {
-    std::optional<Record> root = read(F::rootKey());
+    U64 slot = 0;
+    std::optional<Record> root = read(F::rootKey(), slot);
     if (!root) {
       report(fmt::format("{} root record {} is missing", F::name, F::rootKey()));
     } else {
-      visited_.insert(bytesOf(F::rootKey()));
+      mark(slot);
       Key top = F::checkRoot(*root, [this](std::string m) { report(std::move(m)); });
       if (top != F::nullKey()) {
         if (top.validAsPrefix()) {
-          visit(top, fmt::format("{} root record", F::name), 0, 0);
+          pending_.push_back({top, F::rootKey(), 0, true});
+          walk();
         } else {
           report(fmt::format("{} root record names an invalid top node", F::name));
         }
@@ -170,63 +181,97 @@ class Walker {
   }
 
  private:
-  using Bytes = std::array<U8, sizeof(Key)>;
-  static Bytes bytesOf(const Key& k) {
-    Bytes b;
-    std::memcpy(b.data(), &k, sizeof k);
-    return b;
-  }
+  // A node to read: its key, the record that names it (the root record
+  // when fromRoot) and its depth below the top node.
+  struct Pending {
+    Key key;
+    Key parent;
+    U32 depth;
+    bool fromRoot;
+  };
+
+  static const U8* bytesOf(const Key& k) { return reinterpret_cast<const U8*>(&k); }
 
   void report(std::string message) {
     if (problems_) problems_->push_back(std::move(message));
   }
 
-  // The record under key; nothing when absent or unreadable (reported).
-  std::optional<Record> read(const Key& key) {
+  // The record under key and its slot; nothing when absent or unreadable (reported).
+  std::optional<Record> read(const Key& key, U64& slot) {
     Record r;
     try {
-      if (table_.find(reinterpret_cast<const U8*>(&key), reinterpret_cast<U8*>(&r))) return r;
+      if (table_.iterFrom(bytesOf(key), slot, reinterpret_cast<U8*>(&r))) return r;
     } catch (const Basis::Exception& e) {
       report(fmt::format("{} record {}: unreadable: {}", F::name, key, e.what()));
     }
     return std::nullopt;
   }
 
-  void visit(const Key& key, const std::string& parent, U32 parentLen, U32 depth) {
-    std::optional<Record> n = read(key);
+  // Marks the record at slot reached; false when it was already.
+  bool mark(U64 slot) {
+    if (slot / 64 >= reached_.size()) reached_.resize(slot / 64 + 1 + reached_.size() / 2);
+    U64& word = reached_[slot / 64];
+    const U64 bit = U64(1) << (slot % 64);
+    if (word & bit) return false;
+    word |= bit;
+    return true;
+  }
+  bool wasReached(U64 slot) const { return slot / 64 < reached_.size() && (reached_[slot / 64] >> (slot % 64)) & 1; }
+
+  void walk() {
+    constexpr size_t recordAhead = 8, indexAhead = 16;
+    while (!pending_.empty()) {
+      if (pending_.size() > indexAhead) table_.prefetch(bytesOf(pending_[indexAhead].key));
+      if (pending_.size() > recordAhead) table_.prefetchRecord(bytesOf(pending_[recordAhead].key));
+      const Pending p = pending_.front();
+      pending_.pop_front();
+      visit(p);
+    }
+  }
+
+  std::string parentOf(const Pending& p) const {
+    return p.fromRoot ? fmt::format("{} root record", F::name) : fmt::format("{} node {}", F::name, p.parent);
+  }
+
+  void visit(const Pending& p) {
+    const Key& key = p.key;
+    U64 slot = 0;
+    std::optional<Record> n = read(key, slot);
     if (!n) {
-      report(fmt::format("{}: child {} is not stored", parent, key));
+      report(fmt::format("{}: child {} is not stored", parentOf(p), key));
       return;
     }
-    if (!visited_.insert(bytesOf(key)).second) {
-      report(fmt::format("{} node {} is reached a second time, from {}", F::name, key, parent));
+    if (!mark(slot)) {
+      report(fmt::format("{} node {} is reached a second time, from {}", F::name, key, parentOf(p)));
       return;
     }
     if (n->key() != key) report(fmt::format("{} record stored under {} holds the key {}", F::name, key, n->key()));
-    if (depth > F::maxDescents) {
-      report(fmt::format("{} node {} lies {} levels below the top node; the limit is {}", F::name, key, depth,
+    if (p.depth > F::maxDescents) {
+      report(fmt::format("{} node {} lies {} levels below the top node; the limit is {}", F::name, key, p.depth,
                          F::maxDescents));
       return;
     }
     ++stats_.nodes;
     stats_.prefixes += F::blackCount(*n);
-    if (stats_.depthCount.size() <= depth) stats_.depthCount.resize(depth + 1);
-    ++stats_.depthCount[depth];
-    const std::string self = fmt::format("{} node {}", F::name, key);
-    for (const Key& c : F::checkNode(*n, parentLen, [this](std::string m) { report(std::move(m)); })) {
-      visit(c, self, key.len(), depth + 1);
-    }
+    if (stats_.depthCount.size() <= p.depth) stats_.depthCount.resize(p.depth + 1);
+    ++stats_.depthCount[p.depth];
+    const U32 parentLen = p.fromRoot ? 0 : p.parent.len();
+    for (const Key& c : F::checkNode(*n, parentLen, [this](std::string m) { report(std::move(m)); }))
+      pending_.push_back({c, key, p.depth + 1, false});
   }
 
   // Every record the walk did not reach, but the lone default route, is lost.
   void sweep() {
     try {
-      for (auto it = F::map(trie_).begin(); it.valid(); it.advance()) {
+      Record r;
+      U8* out = reinterpret_cast<U8*>(&r);
+      U64 slot = 0;
+      for (bool more = table_.iterFirst(slot, out); more; more = table_.iterNext(slot, out)) {
         ++stats_.records;
-        const Key& key = it->key();
-        if (visited_.count(bytesOf(key))) continue;
+        if (wasReached(slot)) continue;
+        const Key& key = r.key();
         if (key == F::defaultRouteKey()) {
-          if (F::isDefaultRoute(*it)) {
+          if (F::isDefaultRoute(r)) {
             ++stats_.prefixes;
           } else {
             report(fmt::format("{} record {} is not in the tree and is not a default-route record", F::name, key));
@@ -240,11 +285,11 @@ class Walker {
     }
   }
 
-  const Trie& trie_;
   const Depot::Table& table_;
   std::vector<std::string>* problems_;
   TrieStats::Family& stats_;
-  std::unordered_set<Bytes, BytesHash<sizeof(Key)>> visited_;
+  std::deque<Pending> pending_;
+  std::vector<U64> reached_;
 };
 
 }  // namespace
