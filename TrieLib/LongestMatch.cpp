@@ -41,12 +41,24 @@ namespace {
 }
 
 // Starts fetching the index entries of key's record, or (records) the
-// record they name.
+// record they name, returning where it is (for readNode).
 template <class Map, class Key>
-void fetch(const Map* map, const Key& key, bool records) {
+U64 fetch(const Map* map, const Key& key, bool records) {
   const U8* bytes = reinterpret_cast<const U8*>(&key);
-  if (records) map->table().prefetchRecord(bytes);
-  else map->table().prefetch(bytes);
+  if (records) return map->table().prefetchRecord(bytes);
+  map->table().prefetch(bytes);
+  return 0;
+}
+
+// The record under key, read where a fetch found it when that still holds
+// (no second look at the index), else looked up.
+template <class Map, class Key>
+auto readNode(const Map* map, const Key& key, U64 at) {
+  using Record = decltype(map->get(key));
+  std::array<U8, sizeof(Record)> bytes;
+  if (at && map->table().readAt(at, reinterpret_cast<const U8*>(&key), bytes.data()))
+    return std::optional<Record>(std::bit_cast<Record>(bytes));
+  return map->find(key);
 }
 
 // Where a descent stands: the longest match so far and the nodes read.
@@ -142,7 +154,7 @@ class Descent4 {
     if (next_ == nullPrefix) finishDown();
   }
   bool done() const { return next_ == nullPrefix; }
-  void fetchNext(bool records) const { fetch(map_, next_, records); }
+  U64 fetchNext(bool records) const { return fetch(map_, next_, records); }
   void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
   // Every node the descent can still read is keyed by the query cut to an
   // even length between the next node's and the query's own (rounded up,
@@ -181,16 +193,17 @@ class Descent4 {
       progress_.answers->prefetchRecord(reinterpret_cast<const U8*>(&key));
     }
   }
-  // Reads the next record: a node on the way down, then neighbours.
-  void advance() {
+  // Reads the next record (where a fetch found it, `at`): a node on the way
+  // down, then neighbours.
+  void advance(U64 at = 0) {
     if (down_) {
       if (progress_.depth++ > Trie::ipv4TrieMaxDepth()) tooDeep(trie_, "IPv4", Trie::ipv4TrieMaxDepth());
-      if (const std::optional<TrieNode> n = map_->find(next_)) visit(*n);
+      if (const std::optional<TrieNode> n = readNode(map_, next_, at)) visit(*n);
       else finishDown();
       return;
     }
     const Neighbour& last = neighbour_[--neighbours_];
-    if (const std::optional<TrieNode> n = map_->find(next_); n && hasBlack(*n, last.len))
+    if (const std::optional<TrieNode> n = readNode(map_, next_, at); n && hasBlack(*n, last.len))
       progress_.consider(Key::masked(next_.addrHost(), last.len));
     nextNeighbour();
   }
@@ -291,7 +304,7 @@ class Descent6 {
     if (next_ == nullPrefix6) end();
   }
   bool done() const { return next_ == nullPrefix6; }
-  void fetchNext(bool records) const { fetch(map_, next_, records); }
+  U64 fetchNext(bool records) const { return fetch(map_, next_, records); }
   void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
   // the descent likely ends on the node of one of those. (Fetching every
@@ -302,9 +315,9 @@ class Descent6 {
       if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
   }
   void fetchAnswersAhead() const {}
-  void advance() {
+  void advance(U64 at = 0) {
     if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
-    std::optional<TrieNode6> found = map_->find(next_);
+    std::optional<TrieNode6> found = readNode(map_, next_, at);
     next_ = nullPrefix6;
     if (!found) return end();
     TrieNode6& n = *found;
@@ -354,7 +367,8 @@ Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
 
 // The queries of one family, `lanes` descents at a time in round robin: each
 // visit of a lane does one of its three stages (fetch the index, fetch the
-// records, read and move down), and a finished lane takes the next query.
+// record, read it where the index said and move down), and a finished lane
+// takes the next query.
 template <class D>
 void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
                std::span<Addrkit::IpGenPrefix> answers, std::vector<TopEntry<typename D::Key>>* top) {
@@ -362,6 +376,7 @@ void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
   std::array<D, lanes> lane;
   std::array<size_t, lanes> owner;
   std::array<U8, lanes> stage;
+  std::array<U64, lanes> at;  // where the record a lane reads next was found
   size_t next = 0;
   size_t active = 0;
   auto take = [&](size_t l) {
@@ -380,8 +395,8 @@ void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
       if (!d.done()) {
         switch (stage[l]) {
           case 0: d.fetchNext(false); break;
-          case 1: d.fetchNext(true); break;
-          default: d.advance(); break;
+          case 1: at[l] = d.fetchNext(true); break;
+          default: d.advance(at[l]); break;
         }
         stage[l] = stage[l] == 2 ? 0 : stage[l] + 1;
       }
@@ -394,6 +409,7 @@ void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
             lane[l] = lane[active];
             owner[l] = owner[active];
             stage[l] = stage[active];
+            at[l] = at[active];
           }
           continue;
         }

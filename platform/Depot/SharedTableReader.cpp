@@ -111,6 +111,22 @@ bool SharedTableReader::find(const U8* key, U8* out) const {
   return true;
 }
 
+// The node records' slot read of find, at the slot prefetchRecord named
+// (slot + 1): slot numbers hold across generations, so the position stays
+// right when the table has moved on since; anything find's settled pass
+// would not take for granted sends the caller to find.
+bool SharedTableReader::readAt(U64 where, const U8* key, U8* out) const {
+  if (where == 0 || quick_ == Quick::none || openByGone_ != 0 || loadRelaxed(map_->header().successor) != 0)
+    return false;
+  const Mapping& m = *map_;
+  if (where > m.geometry().capacity) return false;
+  U32 copy[72 / 4];
+  const SlotRead read = quick_ == Quick::node4 ? readSlot<32 / 4>(m, where - 1, copy) : readSlot<72 / 4>(m, where - 1, copy);
+  if (read != SlotRead::ok || !keys_.same(keys_.of(reinterpret_cast<const U8*>(copy)), key)) return false;
+  std::memcpy(out, copy, quick_ == Quick::node4 ? 29 : 67);
+  return true;
+}
+
 bool SharedTableReader::iterFrom(const U8* key, U64& hint, U8* out) const {
   U32 words[maxStride / 4];
   if (!lookup(key, words, hint)) return false;

@@ -130,7 +130,7 @@ class SharedTableBase : public SharedTable {
   }
   // The first entry of the probe sequence whose tag matches names the slot
   // to fetch; a few entries suffice, the lookup itself goes on from there.
-  bool prefetchRecord(const U8* key) const final {
+  U64 prefetchRecord(const U8* key) const final {
     const Mapping& m = *map_;
     const Geometry& g = m.geometry();
     const U64 hash = keys_.hash(key);
@@ -139,15 +139,15 @@ class SharedTableBase : public SharedTable {
     U64 pos = homeEntry(hash, g.indexEntries);
     for (U32 n = 0; n < 8; ++n, pos = nextPosition(g, pos)) {
       const U32 e = loadRelaxed(m.indexEntry(pos));
-      if (e == 0) return false;
+      if (e == 0) return 0;
       if ((e & ~slotMask) != tag || (e & slotMask) == 0 || (e & slotMask) > g.capacity) continue;
       const U8* slot = m.slot((e & slotMask) - 1);
       __builtin_prefetch(slot);
       // A record that straddles two cache lines needs both.
       __builtin_prefetch(slot + g.stride - 1);
-      return true;
+      return e & slotMask;
     }
-    return false;
+    return 0;
   }
 
   // A whole iteration starts by looking for an update left open by a
@@ -321,6 +321,7 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   // was before that update.
   U64 updateCounter() const override;
   bool find(const U8* key, U8* out) const override;
+  bool readAt(U64 where, const U8* key, U8* out) const override;
   bool iterFrom(const U8* key, U64& hint, U8* out) const override;
 
   void write(const U8*) override { refuse(); }

@@ -84,11 +84,17 @@ class DEPOTTRIE_API Table {
   // Hints that key is about to be looked up or written, so that the memory
   // reads of several lookups overlap: prefetch starts fetching the index
   // its lookup reads first; prefetchRecord, called once that has had time
-  // to arrive, starts fetching the record the index names, and tells
-  // whether it named one (which may still be another key's, or gone). Neither
-  // changes anything, waits for a writer or reports damage.
+  // to arrive, starts fetching the record the index names and returns where
+  // it is, for readAt (0: the index names none; a record it names may still
+  // be another key's, or gone). Neither changes anything, waits for a writer
+  // or reports damage.
   virtual void prefetch(const U8*) const {}
-  virtual bool prefetchRecord(const U8*) const { return false; }
+  virtual U64 prefetchRecord(const U8*) const { return 0; }
+  // Reads key's record where prefetchRecord said it is, without the index:
+  // true when the record there is key's, whole and live (copied into out).
+  // False sends the caller to find, which also answers for a table that
+  // does not read by position.
+  virtual bool readAt(U64 /*where*/, const U8* /*key*/, U8* /*out*/) const { return false; }
   // The stored record under key for a writer to change in place, or nullptr.
   virtual U8* inPlace(const U8* key) = 0;
   // Publishes a record changed in place as one whole change.

@@ -86,6 +86,7 @@ TEST_F(SharedTable, AReaderSeesChangesAtOnceAsTheTableGrowsAndShrinksButCannotWr
   for (std::ifstream maps("/proc/self/maps"); std::getline(maps, line);) modes += line.ends_with(path) ? line.substr(line.find(' '), 5) : "";
   EXPECT_EQ(modes, " r--s");
   Rec rec = recordOf(node6, 1, 7), key = keyOf(node6, 1);
+  EXPECT_FALSE(r->readAt(r->prefetchRecord(key.data()), keyOf(node6, 2).data(), rec.data()));  // 1's slot is not 2's
   for (const auto& write : std::initializer_list<std::function<void()>>{[&] { r->write(rec.data()); }, [&] { r->updateBegin(); },
            [&] { r->remove(key.data(), rec.data()); }, [&] { r->inPlace(key.data()); }, [&] { r->commit(rec.data()); }})
     EXPECT_THAT(write, ThrowsMessage<Depot::AccessException>("invalid attempt to write scratchpad as reader"));

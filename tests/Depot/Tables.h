@@ -29,10 +29,14 @@ inline U32 keyNumber(const Depot::RecordLayout& l, const Rec& r, U32 k = 0) { re
 inline U32 versionOf(const Rec& r) { return r[0] | U32(r[1]) << 8 | U32(r[2]) << 16 | U32(r[3]) << 24; }
 inline bool whole(const Depot::RecordLayout& l, const Rec& r) { return r == recordOf(l, keyNumber(l, r), versionOf(r)); }
 
-// The version stored under k: 0 when absent, `torn` when the record is not whole or not k's.
+// The version stored under k: 0 when absent, `torn` when the record is not whole or not k's. Read where the index
+// names the record when the table reads by position, else looked up.
 constexpr U32 torn = ~0u;
 inline U32 version(const Depot::Table& t, U32 k, Rec r = {}) {
-  return !t.find(keyOf(t.layout(), k).data(), r.data()) ? 0 : whole(t.layout(), r) && keyNumber(t.layout(), r) == k ? versionOf(r) : torn;
+  const Rec key = keyOf(t.layout(), k);
+  const U64 at = t.prefetchRecord(key.data());
+  if (!(at && t.readAt(at, key.data(), r.data())) && !t.find(key.data(), r.data())) return 0;
+  return whole(t.layout(), r) && keyNumber(t.layout(), r) == k ? versionOf(r) : torn;
 }
 inline void put(Depot::Table& t, U32 k, U32 v) { t.write(recordOf(t.layout(), k, v).data()); }
 inline bool drop(Depot::Table& t, U32 k) { return t.remove(keyOf(t.layout(), k).data(), Rec().data()); }
