@@ -24,6 +24,7 @@ const Depot::RecordLayout& layoutOf(AddressFamily af) {
 // A record: the key bytes as the trie's records hold them, then the value.
 struct Record {
   std::array<U8, sizeof(Addrkit::Ip6Prefix) + valueSize> bytes{};
+  Record() = default;
   explicit Record(const IpGenPrefix& p) {
     if (p.af() == AddressFamily::ipv4) {
       const Addrkit::Prefix k = p.v4();
@@ -83,14 +84,31 @@ void ValueTables::prefetchRecord(const IpGenPrefix& p) const {
 }
 
 // In groups whose index entries, then records, are fetched together before
-// the first is read.
+// the first is read; each record is read where the index named it (or, when
+// it has moved since, looked up).
 void ValueTables::values(std::span<const IpGenPrefix> prefixes, std::span<U64> out) const {
   constexpr size_t group = 16;
+  std::array<Record, group> records;
+  std::array<const Depot::Table*, group> tables{};
+  std::array<U64, group> where{};
   for (size_t at = 0; at < prefixes.size(); at += group) {
-    const size_t end = std::min(prefixes.size(), at + group);
-    for (size_t i = at; i < end; ++i) prefetch(prefixes[i]);
-    for (size_t i = at; i < end; ++i) prefetchRecord(prefixes[i]);
-    for (size_t i = at; i < end; ++i) out[i] = prefixes[i].af() == AddressFamily::none ? 0 : value(prefixes[i]);
+    const size_t n = std::min(prefixes.size() - at, group);
+    for (size_t i = 0; i < n; ++i) {
+      const IpGenPrefix& p = prefixes[at + i];
+      tables[i] = p.af() == AddressFamily::none ? nullptr : table(p.af());
+      if (!tables[i]) continue;
+      records[i] = Record(p);
+      tables[i]->prefetch(records[i].key());
+    }
+    for (size_t i = 0; i < n; ++i) where[i] = tables[i] ? tables[i]->prefetchRecord(records[i].key()) : 0;
+    for (size_t i = 0; i < n; ++i) {
+      const Depot::Table* t = tables[i];
+      Record& r = records[i];
+      U64 value = 0;
+      if (t && (t->readAt(where[i], r.key(), r.bytes.data()) || t->find(r.key(), r.bytes.data())))
+        std::memcpy(&value, r.valueAt(prefixes[at + i].af()), valueSize);
+      out[at + i] = value;
+    }
   }
 }
 

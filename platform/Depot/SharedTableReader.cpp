@@ -90,19 +90,29 @@ U64 SharedTableReader::updateCounter() const {
   return startReadingAround(m) ? counter - 1 : counter;
 }
 
+// One settled pass of find with the layout's sizes built in: 1 found, 0
+// absent, -1 for the general path to settle.
+template <U32 Words, U32 KeySize, U32 RecordSize>
+int SharedTableReader::quickFind(const U8* key, U8* out) const {
+  U32 copy[Words];
+  const Probe p = probe<Words>(*map_, keys_, key, fixedKeyHash<KeySize>(key), copy, false);
+  if (p.outcome == Outcome::absent) return 0;
+  if (p.outcome != Outcome::found) return -1;
+  std::memcpy(out, copy, RecordSize);
+  return 1;
+}
+
 bool SharedTableReader::find(const U8* key, U8* out) const {
-  // The trie's node records: the same settled pass as lookup's, with the
-  // sizes built in; anything else is left to lookup.
-  if (quick_ != Quick::none && openByGone_ == 0 && loadRelaxed(map_->header().successor) == 0) [[likely]] {
-    U32 copy[72 / 4];
-    const Probe p = quick_ == Quick::node4 ? probe<32 / 4>(*map_, keys_, key, fixedKeyHash<5>(key), copy, false)
-                                           : probe<72 / 4>(*map_, keys_, key, fixedKeyHash<17>(key), copy, false);
-    if (p.outcome == Outcome::absent) return false;
-    if (p.outcome == Outcome::found) {
-      if (quick_ == Quick::node4) std::memcpy(out, copy, 29);
-      else std::memcpy(out, copy, 67);
-      return true;
+  if (quickNow()) [[likely]] {
+    int found = -1;
+    switch (quick_) {
+      case Quick::node4: found = quickFind<32 / 4, 5, 29>(key, out); break;
+      case Quick::node6: found = quickFind<72 / 4, 17, 67>(key, out); break;
+      case Quick::value4: found = quickFind<16 / 4, 5, 13>(key, out); break;
+      case Quick::value6: found = quickFind<28 / 4, 17, 25>(key, out); break;
+      case Quick::none: break;
     }
+    if (found >= 0) return found == 1;
   }
   U32 words[maxStride / 4];
   U64 slot;
@@ -111,20 +121,31 @@ bool SharedTableReader::find(const U8* key, U8* out) const {
   return true;
 }
 
-// The node records' slot read of find, at the slot prefetchRecord named
-// (slot + 1): slot numbers hold across generations, so the position stays
-// right when the table has moved on since; anything find's settled pass
-// would not take for granted sends the caller to find.
-bool SharedTableReader::readAt(U64 where, const U8* key, U8* out) const {
-  if (where == 0 || quick_ == Quick::none || openByGone_ != 0 || loadRelaxed(map_->header().successor) != 0)
-    return false;
+// find's slot read, at the slot prefetchRecord named (slot + 1): slot
+// numbers hold across generations, so the position stays right when the
+// table has moved on since; anything find's settled pass would not take
+// for granted sends the caller to find.
+template <U32 Words, U32 RecordSize>
+bool SharedTableReader::quickReadAt(U64 where, const U8* key, U8* out) const {
   const Mapping& m = *map_;
   if (where > m.geometry().capacity) return false;
-  U32 copy[72 / 4];
-  const SlotRead read = quick_ == Quick::node4 ? readSlot<32 / 4>(m, where - 1, copy) : readSlot<72 / 4>(m, where - 1, copy);
-  if (read != SlotRead::ok || !keys_.same(keys_.of(reinterpret_cast<const U8*>(copy)), key)) return false;
-  std::memcpy(out, copy, quick_ == Quick::node4 ? 29 : 67);
+  U32 copy[Words];
+  if (readSlot<Words>(m, where - 1, copy) != SlotRead::ok || !keys_.same(keys_.of(reinterpret_cast<const U8*>(copy)), key))
+    return false;
+  std::memcpy(out, copy, RecordSize);
   return true;
+}
+
+bool SharedTableReader::readAt(U64 where, const U8* key, U8* out) const {
+  if (where == 0 || !quickNow()) return false;
+  switch (quick_) {
+    case Quick::node4: return quickReadAt<32 / 4, 29>(where, key, out);
+    case Quick::node6: return quickReadAt<72 / 4, 67>(where, key, out);
+    case Quick::value4: return quickReadAt<16 / 4, 13>(where, key, out);
+    case Quick::value6: return quickReadAt<28 / 4, 25>(where, key, out);
+    case Quick::none: break;
+  }
+  return false;
 }
 
 bool SharedTableReader::iterFrom(const U8* key, U64& hint, U8* out) const {

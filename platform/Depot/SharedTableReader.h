@@ -313,7 +313,11 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
       return layout.keyOffset == keyOffset && layout.keySize == keySize && layout.recordSize == recordSize &&
              strideFor(layout) == stride;
     };
-    quick_ = is(4, 5, 29, 32) ? Quick::node4 : is(16, 17, 67, 72) ? Quick::node6 : Quick::none;
+    quick_ = is(4, 5, 29, 32)    ? Quick::node4
+             : is(16, 17, 67, 72) ? Quick::node6
+             : is(0, 5, 13, 16)   ? Quick::value4
+             : is(0, 17, 25, 28)  ? Quick::value6
+                                  : Quick::none;
   }
 
   bool isWriter() const override { return false; }
@@ -342,9 +346,19 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   [[noreturn]] static void refuse();
   void followSuccessor() const;
   bool lookup(const U8* key, U32* words, U64& slot) const;
-  // The layouts whose lookups have a path of their own (the trie's nodes).
-  enum class Quick { none, node4, node6 };
+  // The layouts whose lookups have a path of their own, with their sizes
+  // built in: the trie's nodes and the route table's values.
+  enum class Quick { none, node4, node6, value4, value6 };
   Quick quick_ = Quick::none;
+  // Whether find's and readAt's own paths may answer: not around an update
+  // a gone writer left open, nor once a newer generation exists.
+  bool quickNow() const {
+    return quick_ != Quick::none && openByGone_ == 0 && loadRelaxed(map_->header().successor) == 0;
+  }
+  template <U32 Words, U32 KeySize, U32 RecordSize>
+  int quickFind(const U8* key, U8* out) const;
+  template <U32 Words, U32 RecordSize>
+  bool quickReadAt(U64 where, const U8* key, U8* out) const;
   // The open update the counter last showed, and since when.
   mutable U64 openSeen_ = 0;
   mutable std::chrono::steady_clock::time_point openSince_;
