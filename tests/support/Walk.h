@@ -27,7 +27,10 @@ std::string walkText(Walker& trie, const Addrkit::IpGenPrefix& from,
   c->answers = answers;
   trie.preOrderWalk(c, from);
   std::string out;
-  for (const auto& p : c->seen) out += (out.empty() ? "" : " ") + p.stringValue();
+  for (const auto& p : c->seen) {
+    if (!out.empty()) out += ' ';
+    out += p.stringValue();
+  }
   return out;
 }
 
