@@ -5,6 +5,7 @@
 // points; insertion, deletion and the lpm descent stay per family.
 #include <fmt/format.h>
 
+#include <array>
 #include <optional>
 
 #include "TrieLib/TrieFamily.h"
@@ -173,13 +174,25 @@ class WalkTooDeep : public Basis::Exception {
 
 // Starts fetching the records of a node's children together, so that the
 // walk waits for them once rather than once per child.
+// Returns where each record was found, for readAt.
 template <class F>
-void prefetchChildren(const Trie* trie, const typename F::Record& node) {
+std::array<U64, F::childCount> prefetchChildren(const Trie* trie, const typename F::Record& node) {
   const Depot::Table& table = F::map(*trie).table();
+  std::array<U64, F::childCount> at{};
   for (U32 i = 0; i < F::childCount; ++i)
     if (F::child(node, i) != F::nullKey()) table.prefetch(reinterpret_cast<const U8*>(&F::child(node, i)));
   for (U32 i = 0; i < F::childCount; ++i)
-    if (F::child(node, i) != F::nullKey()) table.prefetchRecord(reinterpret_cast<const U8*>(&F::child(node, i)));
+    if (F::child(node, i) != F::nullKey()) at[i] = table.prefetchRecord(reinterpret_cast<const U8*>(&F::child(node, i)));
+  return at;
+}
+
+// The record under key, read where a fetch found it (at) when it is still
+// there, else looked up: the same record either way.
+template <class F>
+typename F::Record readWhere(const Trie* trie, const typename F::Key& key, U64 at) {
+  typename F::Record r;
+  if (at && F::map(*trie).table().readAt(at, reinterpret_cast<const U8*>(&key), reinterpret_cast<U8*>(&r))) return r;
+  return F::read(trie, key);
 }
 
 // Visits the node of `key` and its subtree, level levels below the walk's
@@ -187,12 +200,13 @@ void prefetchChildren(const Trie* trie, const typename F::Record& node) {
 // F::maxDescents + 1 nodes deep: deeper means a cycle in damaged tables, or
 // records read across another process's changes.
 template <class F>
-bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& key, bool allLengths, U32 level) {
+bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& key, bool allLengths, U32 level,
+               U64 at = 0) {
   constexpr U32 walkLevels = F::maxDescents + 1;
   if (level >= walkLevels)
     throw WalkTooDeep(fmt::format("trie {}: {} walk deeper than {} levels at {}; the trie is damaged", trie->name(),
                                   F::name, walkLevels, key));
-  typename F::Record node = F::read(trie, key);
+  typename F::Record node = readWhere<F>(trie, key, at);
   // A subtree root that is no node key starts at the node that holds it.
   if (F::isAbsent(node)) node = F::lpmNode(trie, key);
   TRIE_TRACE(6, "{} Node: {}", F::walkName, node.key());
@@ -216,10 +230,11 @@ bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& ke
          len = len < F::maxLen ? F::blackFrom(node, len + 1) : 0)
       visit(len);
   }
-  if (goOn && !skipped) prefetchChildren<F>(trie, node);
+  std::array<U64, F::childCount> where{};
+  if (goOn && !skipped) where = prefetchChildren<F>(trie, node);
   for (U32 i = 0; i < F::childCount && goOn && !skipped; ++i) {
     const typename F::Key& child = F::child(node, i);
-    if (child != F::nullKey()) goOn = walkBelow<F>(trie, visitor, child, true, level + 1);
+    if (child != F::nullKey()) goOn = walkBelow<F>(trie, visitor, child, true, level + 1, where[i]);
   }
   visitor.nodeEnd();
   return goOn;
