@@ -75,14 +75,6 @@ std::optional<U64> ValueTables::find(const IpGenPrefix& p) const {
   return value;
 }
 
-void ValueTables::prefetch(const IpGenPrefix& p) const {
-  if (const Depot::Table* t = table(p.af())) t->prefetch(Record(p).key());
-}
-
-void ValueTables::prefetchRecord(const IpGenPrefix& p) const {
-  if (const Depot::Table* t = table(p.af())) t->prefetchRecord(Record(p).key());
-}
-
 // In groups whose index entries, then records, are fetched together before
 // the first is read; each record is read where the index named it (or, when
 // it has moved since, looked up).

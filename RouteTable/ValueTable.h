@@ -41,10 +41,6 @@ class ValueTables {
   // The values of several prefixes (the empty prefix reads 0), their reads
   // overlapped.
   void values(std::span<const Addrkit::IpGenPrefix> prefixes, std::span<U64> out) const;
-  // Starts fetching a value that is about to be read (two steps, as
-  // Depot::Table::prefetch and prefetchRecord).
-  void prefetch(const Addrkit::IpGenPrefix& p) const;
-  void prefetchRecord(const Addrkit::IpGenPrefix& p) const;
 
   void write(const Addrkit::IpGenPrefix& p, U64 value);
   bool remove(const Addrkit::IpGenPrefix& p);

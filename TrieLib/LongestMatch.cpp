@@ -41,7 +41,7 @@ namespace {
 }
 
 // Starts fetching the index entries of key's record, or (records) the
-// record they name, returning where it is (for readNode).
+// record they name, returning where it is (for findAt).
 template <class Map, class Key>
 U64 fetch(const Map* map, const Key& key, bool records) {
   const U8* bytes = reinterpret_cast<const U8*>(&key);
@@ -50,16 +50,6 @@ U64 fetch(const Map* map, const Key& key, bool records) {
   return 0;
 }
 
-// The record under key, read where a fetch found it when that still holds
-// (no second look at the index), else looked up.
-template <class Map, class Key>
-auto readNode(const Map* map, const Key& key, U64 at) {
-  using Record = decltype(map->get(key));
-  std::array<U8, sizeof(Record)> bytes;
-  if (at && map->table().readAt(at, reinterpret_cast<const U8*>(&key), bytes.data()))
-    return std::optional<Record>(std::bit_cast<Record>(bytes));
-  return map->find(key);
-}
 
 // Where a descent stands: the longest match so far and the nodes read.
 template <class Key>
@@ -198,12 +188,12 @@ class Descent4 {
   void advance(U64 at = 0) {
     if (down_) {
       if (progress_.depth++ > Trie::ipv4TrieMaxDepth()) tooDeep(trie_, "IPv4", Trie::ipv4TrieMaxDepth());
-      if (const std::optional<TrieNode> n = readNode(map_, next_, at)) visit(*n);
+      if (const std::optional<TrieNode> n = map_->findAt(next_, at)) visit(*n);
       else finishDown();
       return;
     }
     const Neighbour& last = neighbour_[--neighbours_];
-    if (const std::optional<TrieNode> n = readNode(map_, next_, at); n && hasBlack(*n, last.len))
+    if (const std::optional<TrieNode> n = map_->findAt(next_, at); n && hasBlack(*n, last.len))
       progress_.consider(Key::masked(next_.addrHost(), last.len));
     nextNeighbour();
   }
@@ -317,7 +307,7 @@ class Descent6 {
   void fetchAnswersAhead() const {}
   void advance(U64 at = 0) {
     if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
-    std::optional<TrieNode6> found = readNode(map_, next_, at);
+    std::optional<TrieNode6> found = map_->findAt(next_, at);
     next_ = nullPrefix6;
     if (!found) return end();
     TrieNode6& n = *found;

@@ -186,14 +186,6 @@ std::array<U64, F::childCount> prefetchChildren(const Trie* trie, const typename
   return at;
 }
 
-// The record under key, read where a fetch found it (at) when it is still
-// there, else looked up: the same record either way.
-template <class F>
-typename F::Record readWhere(const Trie* trie, const typename F::Key& key, U64 at) {
-  typename F::Record r;
-  if (at && F::map(*trie).table().readAt(at, reinterpret_cast<const U8*>(&key), reinterpret_cast<U8*>(&r))) return r;
-  return F::read(trie, key);
-}
 
 // Visits the node of `key` and its subtree, level levels below the walk's
 // start; false when the visitor aborted. A healthy trie is at most
@@ -206,7 +198,7 @@ bool walkBelow(const Trie* trie, WalkVisitor& visitor, const typename F::Key& ke
   if (level >= walkLevels)
     throw WalkTooDeep(fmt::format("trie {}: {} walk deeper than {} levels at {}; the trie is damaged", trie->name(),
                                   F::name, walkLevels, key));
-  typename F::Record node = readWhere<F>(trie, key, at);
+  typename F::Record node = F::map(*trie).getAt(key, at);  // where its fetch found it
   // A subtree root that is no node key starts at the node that holds it.
   if (F::isAbsent(node)) node = F::lpmNode(trie, key);
   TRIE_TRACE(6, "{} Node: {}", F::walkName, node.key());

@@ -145,6 +145,18 @@ class KilnDepotMap : public CollectionBinding {
     if (!CollectionBinding::get(reinterpret_cast<const U8*>(&key), bytes.data())) return std::nullopt;
     return std::bit_cast<R>(bytes);
   }
+  // get and find, reading the record where the table's prefetchRecord said
+  // it is (at) while it is still there, without a second look at the index.
+  R getAt(const K& key, U64 at) const {
+    std::array<U8, sizeof(R)> bytes;
+    if (!readAt(key, at, bytes.data())) CollectionBinding::get(reinterpret_cast<const U8*>(&key), bytes.data());
+    return std::bit_cast<R>(bytes);
+  }
+  std::optional<R> findAt(const K& key, U64 at) const {
+    std::array<U8, sizeof(R)> bytes;
+    if (readAt(key, at, bytes.data())) return std::bit_cast<R>(bytes);
+    return find(key);
+  }
   void safeWrite(const R& r) { CollectionBinding::safeWrite(reinterpret_cast<const U8*>(&r)); }
   bool safeRemove(const K& key) { return CollectionBinding::safeRemove(reinterpret_cast<const U8*>(&key)); }
   R* inPlace(const K& key) { return reinterpret_cast<R*>(CollectionBinding::inPlace(reinterpret_cast<const U8*>(&key))); }
@@ -186,6 +198,9 @@ class KilnDepotMap : public CollectionBinding {
     std::array<U8, sizeof(R)> bytes;
     std::memcpy(bytes.data(), p, sizeof(R));
     return std::bit_cast<R>(bytes);
+  }
+  bool readAt(const K& key, U64 at, U8* out) const {
+    return at && table().readAt(at, reinterpret_cast<const U8*>(&key), out);
   }
 };
 
