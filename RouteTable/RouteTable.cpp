@@ -223,7 +223,7 @@ struct RouteTable::Impl {
   void lookupMany(std::span<const Prefix> in, std::span<std::optional<Route>> results, Answer&& answer) {
     if (results.size() < in.size())
       throw Error(fmt::format("lookup: {} answers for {} queries", results.size(), in.size()));
-    constexpr size_t group = 64;
+    constexpr size_t group = 256;
     queries.resize(group);
     answers.resize(group);
     valueScratch.resize(group);

@@ -123,6 +123,9 @@ class Descent4 {
   // Nodes of length 14 or less decide by the first 16 bits.
   static constexpr U32 topBits = 16;
 
+  static TopEntry<Key>& topEntry(std::vector<TopEntry<Key>>& top, const Key& query) {
+    return top[query.addrHost() >> (32 - topBits)];
+  }
   void start(const Trie* trie, const Key& query, std::vector<TopEntry<Key>>* top) {
     trie_ = trie;
     map_ = &trie->trieNodeMap();
@@ -134,7 +137,7 @@ class Descent4 {
     top_ = {};
     if (top && query.len() >= topBits) {
       const U32 lead = query.addrHost() >> (32 - topBits);
-      if (const std::optional<Key> from = top_.restore(map_->updateCounter(), (*top)[lead], lead, progress_)) {
+      if (const std::optional<Key> from = top_.restore(map_->updateCounter(), topEntry(*top, query), lead, progress_)) {
         next_ = *from;
         if (next_ == nullPrefix) finishDown();
         return;
@@ -276,6 +279,9 @@ class Descent6 {
   // shared by hash and tell by the bits which query they are for.
   static constexpr U32 topBits = 32;
 
+  static TopEntry<Key>& topEntry(std::vector<TopEntry<Key>>& top, const Key& query) {
+    return top[U32(query.word(0) * 0x9E3779B1u) >> 16];
+  }
   void start(const Trie* trie, const Key& query, std::vector<TopEntry<Key>>* top) {
     trie_ = trie;
     map_ = &trie->trieNode6Map();
@@ -284,7 +290,7 @@ class Descent6 {
     top_ = {};
     if (top && query.len() >= topBits) {
       const U32 lead = query.word(0);
-      TopEntry<Key>& e = (*top)[U32(lead * 0x9E3779B1u) >> 16];
+      TopEntry<Key>& e = topEntry(*top, query);
       if (const std::optional<Key> from = top_.restore(map_->updateCounter(), e, lead, progress_)) {
         next_ = *from;
         return;
@@ -369,9 +375,17 @@ void matchMany(const Trie* trie, std::span<const Addrkit::IpGenPrefix> queries,
   std::array<U64, lanes> at;  // where the record a lane reads next was found
   size_t next = 0;
   size_t active = 0;
+  // The top-of-trie entries (2 MB or more) of the queries a round of lanes
+  // ahead are fetched before their lanes start on them.
+  size_t fetched = 0;
   auto take = [&](size_t l) {
     while (next < queries.size() && queries[next].af() != D::af) ++next;
     if (next == queries.size()) return false;
+    if (top) {
+      for (fetched = std::max(fetched, next); fetched < std::min(queries.size(), next + lanes); ++fetched)
+        if (queries[fetched].af() == D::af && queries[fetched].len() >= D::topBits)
+          __builtin_prefetch(&D::topEntry(*top, D::keyOf(queries[fetched])));
+    }
     owner[l] = next;
     lane[l].start(trie, D::keyOf(queries[next]), top);
     stage[l] = 0;
