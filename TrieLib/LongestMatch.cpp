@@ -156,9 +156,11 @@ class Descent4 {
   // records of the keys found, turns the two dependent misses per node
   // below the cached levels into two rounds of misses in flight; the keys
   // that are no node cost one index line each. Upper levels stay in cache,
-  // so the fetch starts at /16 for a descent from the top. The index
-  // entries are fetched before the first node is read (which is read at
-  // once), the records after it.
+  // so the fetch starts at /16 for a descent from the top. All the index
+  // entries, the next node's included, then all the records are fetched
+  // before the next node is read: the first read waits for the two rounds
+  // rather than for its own two misses and then a round for the rest.
+  // Returns where the next node's record is (for advance), when fetched.
   //
   // With a table of answers, a node found there often carries the prefix of
   // its own key as the answer (about half the lookups on the sample table):
@@ -166,19 +168,26 @@ class Descent4 {
   // records, and their records after the next node (fetchAnswersAhead), so
   // that such an answer's record is in by the end of the descent rather
   // than two misses after it.
-  void fetchAhead(bool records) {
-    if (done()) return;
+  U64 fetchAhead(bool records) {
+    if (done()) return 0;
     const U32 last = std::min(query_.len() + 1, 32u);
     const Depot::Table& nodes = map_->table();
-    for (U32 len = std::max(records ? next_.len() : next_.len() + 2, topBits); len <= last; len += 2) {
+    U64 nextAt = 0;
+    for (U32 len = std::max(next_.len(), topBits); len <= last; len += 2) {
       const Key key = Key::masked(query_.addrHost(), len);
       const U8* bytes = reinterpret_cast<const U8*>(&key);
-      if (!records) nodes.prefetch(bytes);
-      else if (nodes.prefetchRecord(bytes) && progress_.answers && len <= query_.len()) {
+      if (!records) {
+        nodes.prefetch(bytes);
+        continue;
+      }
+      const U64 at = nodes.prefetchRecord(bytes);
+      if (len == next_.len() && key == next_) nextAt = at;
+      if (at && progress_.answers && len <= query_.len()) {
         progress_.answers->prefetch(bytes);
         answerLengths_ |= U64(1) << len;
       }
     }
+    return nextAt;
   }
   void fetchAnswersAhead() {
     for (U64 lengths = answerLengths_; lengths; lengths &= lengths - 1) {
@@ -306,9 +315,10 @@ class Descent6 {
   // the descent likely ends on the node of one of those. (Fetching every
   // length ahead, as IPv4 does, costs more in hashing 17-byte keys than
   // the overlap saves on a binary trie.)
-  void fetchAhead(bool records) const {
+  U64 fetchAhead(bool records) const {
     for (U32 len : {64u, 48u})
       if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
+    return 0;
   }
   void fetchAnswersAhead() const {}
   void advance(U64 at = 0) {
@@ -353,10 +363,10 @@ Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
   d.start(trie, query, top);
   if (answers) d.fetchAnswersIn(answers);
   d.fetchAhead(false);
+  const U64 at = d.fetchAhead(true);
   for (U32 step = 0; !d.done(); ++step) {
-    d.advance();
-    if (step == 0) d.fetchAhead(true);
-    else if (step == 1 && answers) d.fetchAnswersAhead();
+    d.advance(step == 0 ? at : 0);
+    if (step == 0 && answers) d.fetchAnswersAhead();
   }
   return d.answer();
 }
