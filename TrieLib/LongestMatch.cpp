@@ -50,7 +50,6 @@ U64 fetch(const Map* map, const Key& key, bool records) {
   return 0;
 }
 
-
 // Where a descent stands: the longest match so far and the nodes read.
 template <class Key>
 struct Progress {
@@ -151,7 +150,7 @@ class Descent4 {
   void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
   // Every node the descent can still read is keyed by the query cut to an
   // even length between the next node's and the query's own (rounded up,
-  // for an odd length's node): at most eight below the top-of-trie start.
+  // for an odd length's node): at most nine below the top-of-trie start.
   // Fetching all their index entries at once, and once those are in, the
   // records of the keys found, turns the two dependent misses per node
   // below the cached levels into two rounds of misses in flight; the keys
@@ -181,7 +180,7 @@ class Descent4 {
         continue;
       }
       const U64 at = nodes.prefetchRecord(bytes);
-      if (len == next_.len() && key == next_) nextAt = at;
+      if (key == next_) nextAt = at;
       if (at && progress_.answers && len <= query_.len()) {
         progress_.answers->prefetch(bytes);
         answerLengths_ |= U64(1) << len;

@@ -186,7 +186,6 @@ std::array<U64, F::childCount> prefetchChildren(const Trie* trie, const typename
   return at;
 }
 
-
 // Visits the node of `key` and its subtree, level levels below the walk's
 // start; false when the visitor aborted. A healthy trie is at most
 // F::maxDescents + 1 nodes deep: deeper means a cycle in damaged tables, or
