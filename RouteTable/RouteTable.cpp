@@ -248,6 +248,7 @@ struct RouteTable::Impl {
     std::vector<IpGenPrefix> stored;
     walkCovered(*trie, stored, familyRoot(af));
     if (stored.size() == values.table(af)->occupancy()) return;
+    values.reserve(af, stored.size());
     for (const IpGenPrefix& p : stored)
       if (!values.find(p)) values.write(p, 0);
     if (values.table(af)->occupancy() == stored.size()) return;
@@ -378,8 +379,7 @@ std::optional<Route> RouteTable::lookup(const Prefix& addressOrPrefix) const {
   return guarded([&] {
     Impl& t = *impl_;
     const IpGenPrefix g = detail::toGen(addressOrPrefix);
-    const Depot::Table* values = t.values.table(g.af());
-    return t.read(g.af(), [&] { return t.routeIf(t.trie->longestMatch(g, values)); });
+    return t.read(g.af(), [&] { return t.routeIf(t.trie->longestMatch(g, t.values.fetcher())); });
   });
 }
 
@@ -387,7 +387,7 @@ std::optional<Route> RouteTable::lookupUnguarded(const Prefix& addressOrPrefix) 
   std::lock_guard lock(impl_->mutex);
   return guarded([&] {
     const IpGenPrefix g = detail::toGen(addressOrPrefix);
-    return impl_->routeIf(impl_->trie->longestMatch(g, impl_->values.table(g.af())));
+    return impl_->routeIf(impl_->trie->longestMatch(g, impl_->values.fetcher()));
   });
 }
 
@@ -477,7 +477,7 @@ Statistics RouteTable::statistics() const {
     s.updates = (t.binding(AddressFamily::ipv4).updateCounter() + t.binding(AddressFamily::ipv6).updateCounter()) / 2;
     for (const AddressFamily af : {AddressFamily::ipv4, AddressFamily::ipv6}) {
       s.sharedBytes += t.binding(af).table().bytes();
-      if (t.values.present(af)) s.sharedBytes += t.values.table(af)->bytes();
+      s.sharedBytes += t.values.bytes(af);
     }
     return s;
   });

@@ -10,6 +10,10 @@
 // 0. Its writer changes a value only inside an update of the trie's table of
 // that family, so a reader that checks that table's update counter reads
 // prefix and value from one state.
+//
+// Beside each value table, its cache (ValueCache.h) holds the same values
+// where a reader finds them in one memory read; readers ask it first, and
+// the writer keeps it in step with every change of a value.
 #include <array>
 #include <memory>
 #include <optional>
@@ -19,6 +23,8 @@
 
 #include "Addrkit/Prefix.h"
 #include "Depot/SharedTable.h"
+#include "RouteTable/ValueCache.h"
+#include "TrieLib/DepotTrie.h"
 
 namespace depottrie::detail {
 using Basis::U8, Basis::U16, Basis::U32, Basis::U64;
@@ -30,7 +36,8 @@ class ValueTables {
                             U64 capacity6);
   // Mapped read-only; a family whose table is absent reads every value as 0.
   static ValueTables reader(const std::string& name, const std::string& root);
-  static std::array<Depot::TablePath, 2> files(const std::string& name, const std::string& root);
+  // The value tables, then their caches.
+  static std::array<Depot::TablePath, 4> files(const std::string& name, const std::string& root);
 
   bool present(Addrkit::AddressFamily af) const { return table(af) != nullptr; }
   Depot::Table* table(Addrkit::AddressFamily af) const {
@@ -42,14 +49,46 @@ class ValueTables {
   // overlapped.
   void values(std::span<const Addrkit::IpGenPrefix> prefixes, std::span<U64> out) const;
 
+  // Starts fetching the values of the prefixes a lookup may answer with:
+  // their cache lines, else (no cache, or the writer) the value table's
+  // index entries.
+  const Routing::Lattice::AnswerFetch* fetcher() const { return &fetch_; }
+
   void write(const Addrkit::IpGenPrefix& p, U64 value);
   bool remove(const Addrkit::IpGenPrefix& p);
+  // Room in the cache for `prefixes` of the family, made before they come.
+  void reserve(Addrkit::AddressFamily af, U64 prefixes);
+  U64 bytes(Addrkit::AddressFamily af) const;
   // The keys of the records of one family, in the table's order.
   std::vector<Addrkit::IpGenPrefix> keys(Addrkit::AddressFamily af) const;
 
  private:
+  // Holds the tables' own addresses, which stay put when ValueTables moves.
+  class Fetch final : public Routing::Lattice::AnswerFetch {
+   public:
+    void fetch(const Addrkit::Prefix& p) const override;
+    void fetch(const Addrkit::Ip6Prefix& p) const override;
+    const ValueCache* c4 = nullptr;
+    const ValueCache* c6 = nullptr;
+    const Depot::Table* v4 = nullptr;
+    const Depot::Table* v6 = nullptr;
+  };
+  void wire();
+  // The cache readers ask (none in the writer, which reads its own tables).
+  const ValueCache* readCache(Addrkit::AddressFamily af) const {
+    const std::unique_ptr<ValueCache>& c = af == Addrkit::AddressFamily::ipv4 ? c4_ : c6_;
+    return c && !writer_ ? c.get() : nullptr;
+  }
+  ValueCache* cache(Addrkit::AddressFamily af) const { return (af == Addrkit::AddressFamily::ipv4 ? c4_ : c6_).get(); }
+
   std::unique_ptr<Depot::Table> v4_;
   std::unique_ptr<Depot::Table> v6_;
+  std::unique_ptr<ValueCache> c4_;
+  std::unique_ptr<ValueCache> c6_;
+  bool writer_ = false;
+  Fetch fetch_;
+  // The prefixes values() reads from the value table (scratch).
+  mutable std::vector<size_t> missed_;
 };
 
 }  // namespace depottrie::detail

@@ -48,6 +48,16 @@ class DEPOTTRIE_API TrieWalkCallback : public Basis::Node {
 };
 
 class Trie;
+
+// Told of the prefixes a longest-match descent may answer with, as it finds
+// them, so that a record keyed by the answer (a value per prefix) can be
+// fetched while the descent goes on. Each call only starts memory reads.
+class DEPOTTRIE_API AnswerFetch {
+ public:
+  virtual ~AnswerFetch() = default;
+  virtual void fetch(const Addrkit::Prefix& candidate) const = 0;
+  virtual void fetch(const Addrkit::Ip6Prefix& candidate) const = 0;
+};
 DEPOTTRIE_API Basis::Ptr<Trie> trieFactory(const Basis::String& name);
 
 // The route table entity: IPv4 and IPv6 prefixes in two node collections,
@@ -100,11 +110,10 @@ class DEPOTTRIE_API Trie : public Kiln::Entity {
   // last descent with the same leading bits went on while the table has not
   // changed since (kept in the process, about 2 MB for IPv4 and 3.5 MB for
   // IPv6 once used). Like every read of a trie, it serves one thread at a time.
-  // answers: a table keyed by the family's prefixes whose record of the
-  // answer the caller reads next (a value per prefix); each better match the
-  // descent finds starts the fetch of its index entry there, so that read
-  // waits for less.
-  Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix, const Depot::Table* answers = nullptr) const;
+  // fetch: told of the stored prefix the descent is most likely to answer
+  // with (the deepest node's key on its path, IPv4) and of each better
+  // match it finds.
+  Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix, const AnswerFetch* fetch = nullptr) const;
   // longestMatch of each query into the answer at the same index (answers
   // must be at least as long), with the descents of several queries
   // interleaved so that their memory reads overlap. The answers are those of

@@ -26,7 +26,6 @@
 #include <fmt/format.h>
 
 #include <array>
-#include <bit>
 #include <optional>
 
 #include "TrieLib/TopOfTrie.h"
@@ -56,18 +55,18 @@ struct Progress {
   bool found = false;
   Key best;
   U32 depth = 0;
-  // A table keyed by prefix whose record of the answer will be read next
-  // (a value per prefix): each new best match starts the fetch of its index
-  // entry, which then arrives while the descent goes on.
-  const Depot::Table* answers = nullptr;
+  // Whoever reads a record keyed by the answer next (a value per prefix):
+  // told of each new best match, whose record then arrives while the
+  // descent goes on.
+  const AnswerFetch* answers = nullptr;
   void consider(const Key& match) {
     if (found && match.len() <= best.len()) return;
     best = match, found = true;
-    if (answers) answers->prefetch(reinterpret_cast<const U8*>(&best));
+    if (answers) answers->fetch(best);
   }
-  void answersIn(const Depot::Table* t) {
-    answers = t;
-    if (t && found) t->prefetch(reinterpret_cast<const U8*>(&best));
+  void answersTo(const AnswerFetch* f) {
+    answers = f;
+    if (f && found) f->fetch(best);
   }
 };
 
@@ -132,7 +131,6 @@ class Descent4 {
     progress_ = {};
     down_ = true;
     neighbours_ = 0;
-    answerLengths_ = 0;
     top_ = {};
     if (top && query.len() >= topBits) {
       const U32 lead = query.addrHost() >> (32 - topBits);
@@ -147,7 +145,7 @@ class Descent4 {
   }
   bool done() const { return next_ == nullPrefix; }
   U64 fetchNext(bool records) const { return fetch(map_, next_, records); }
-  void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
+  void fetchAnswersTo(const AnswerFetch* f) { progress_.answersTo(f); }
   // Every node the descent can still read is keyed by the query cut to an
   // even length between the next node's and the query's own (rounded up,
   // for an odd length's node): at most nine below the top-of-trie start.
@@ -161,17 +159,18 @@ class Descent4 {
   // rather than for its own two misses and then a round for the rest.
   // Returns where the next node's record is (for advance), when fetched.
   //
-  // With a table of answers, a node found there often carries the prefix of
-  // its own key as the answer (about half the lookups on the sample table):
-  // the answers' index entries of those keys are fetched beside the
-  // records, and their records after the next node (fetchAnswersAhead), so
-  // that such an answer's record is in by the end of the descent rather
-  // than two misses after it.
+  // The deepest node found there most often carries the answer as the
+  // prefix of its own key (64 % of the lookups on the sample table; the
+  // rest mostly answer with a length one more than a node's): whoever
+  // fetches answers is told of that key beside the records, so that such an
+  // answer's record arrives with the nodes. (Telling it of every node's key
+  // found, or of the odd lengths too, costs more in fetches than it saves.)
   U64 fetchAhead(bool records) {
     if (done()) return 0;
     const U32 last = std::min(query_.len() + 1, 32u);
     const Depot::Table& nodes = map_->table();
     U64 nextAt = 0;
+    Key deepest = nullPrefix;
     for (U32 len = std::max(next_.len(), topBits); len <= last; len += 2) {
       const Key key = Key::masked(query_.addrHost(), len);
       const U8* bytes = reinterpret_cast<const U8*>(&key);
@@ -181,18 +180,10 @@ class Descent4 {
       }
       const U64 at = nodes.prefetchRecord(bytes);
       if (key == next_) nextAt = at;
-      if (at && progress_.answers && len <= query_.len()) {
-        progress_.answers->prefetch(bytes);
-        answerLengths_ |= U64(1) << len;
-      }
+      if (at && len <= query_.len()) deepest = key;
     }
+    if (progress_.answers && deepest != nullPrefix) progress_.answers->fetch(deepest);
     return nextAt;
-  }
-  void fetchAnswersAhead() {
-    for (U64 lengths = answerLengths_; lengths; lengths &= lengths - 1) {
-      const Key key = Key::masked(query_.addrHost(), U32(std::countr_zero(lengths)));
-      progress_.answers->prefetchRecord(reinterpret_cast<const U8*>(&key));
-    }
   }
   // Reads the next record (where a fetch found it, `at`): a node on the way
   // down, then neighbours.
@@ -274,8 +265,6 @@ class Descent4 {
   bool down_ = true;
   std::array<Neighbour, Trie::ipv4TrieMaxDepth() + 2> neighbour_;
   U32 neighbours_ = 0;
-  // The lengths whose answer records fetchAnswersAhead fetches.
-  U64 answerLengths_ = 0;
 };
 
 class Descent6 {
@@ -309,7 +298,7 @@ class Descent6 {
   }
   bool done() const { return next_ == nullPrefix6; }
   U64 fetchNext(bool records) const { return fetch(map_, next_, records); }
-  void fetchAnswersIn(const Depot::Table* t) { progress_.answersIn(t); }
+  void fetchAnswersTo(const AnswerFetch* f) { progress_.answersTo(f); }
   // Most stored IPv6 prefixes are /64 or /48 (and the lengths just below):
   // the descent likely ends on the node of one of those. (Fetching every
   // length ahead, as IPv4 does, costs more in hashing 17-byte keys than
@@ -319,7 +308,6 @@ class Descent6 {
       if (query_.len() >= len) fetch(map_, Key::masked(query_.address(), len), records);
     return 0;
   }
-  void fetchAnswersAhead() const {}
   void advance(U64 at = 0) {
     if (progress_.depth++ > Trie::ipv6TrieMaxDepth()) tooDeep(trie_, "IPv6", Trie::ipv6TrieMaxDepth());
     std::optional<TrieNode6> found = map_->findAt(next_, at);
@@ -357,18 +345,16 @@ class Descent6 {
 // likely read can be fetched beside them.
 template <class D>
 Addrkit::IpGenPrefix matchOne(const Trie* trie, const typename D::Key& query,
-                              std::vector<TopEntry<typename D::Key>>* top, const Depot::Table* answers) {
+                              std::vector<TopEntry<typename D::Key>>* top, const AnswerFetch* answers) {
   D d;
   d.start(trie, query, top);
-  if (answers) d.fetchAnswersIn(answers);
+  if (answers) d.fetchAnswersTo(answers);
   d.fetchAhead(false);
   const U64 at = d.fetchAhead(true);
-  for (U32 step = 0; !d.done(); ++step) {
-    d.advance(step == 0 ? at : 0);
-    if (step == 0 && answers) d.fetchAnswersAhead();
-  }
+  for (U32 step = 0; !d.done(); ++step) d.advance(step == 0 ? at : 0);
   return d.answer();
 }
+
 
 // The queries of one family, `lanes` descents at a time in round robin: each
 // visit of a lane does one of its three stages (fetch the index, fetch the
@@ -439,7 +425,7 @@ Trie::TopOfTrie& Trie::topOfTrie() const {
   return *topOfTrie_;
 }
 
-Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix, const Depot::Table* answers) const {
+Addrkit::IpGenPrefix Trie::longestMatch(const Addrkit::IpGenPrefix& prefix, const AnswerFetch* answers) const {
   switch (prefix.af()) {
     case Addrkit::AddressFamily::ipv4:
       return matchOne<Descent4>(this, prefix.v4(), topOfTrie().v4.of(trieNode_), answers);

@@ -1359,11 +1359,11 @@ std::vector<std::vector<std::string>> unmetTargets(const FamilyFigures& f, bool 
         {fmt::format("{} RouteTable::lookup / longestMatch {:.2f}: the value adds {:.0f} ns per lookup, {:.1f} "
                      "dependent misses;",
                      family, r.longestMatch / r.table, value, value / miss),
-         fmt::format("{:.2f} allows {:.0f} ns. The value's index entry and record are two more lines per lookup, "
-                     "fetched during",
+         fmt::format("{:.2f} allows {:.0f} ns. The value is one more line (its cache line), fetched during the "
+                     "descent",
                      t.tableRatio, single * (t.tableRatio - 1)),
-         "the descent only for answers keyed like a node on its path. A value kept in lines the descent reads "
-         "would remove them."});
+         "for the deepest node's key only (most answers); each further fetch costs more than it saves. A value "
+         "in lines the descent reads would remove it."});
   }
   if (f.python.measured && t.pythonBatched > 0 && f.python.batched < t.pythonBatched && r.tableBatched > 0) {
     const double per = 1e9 / f.python.batched, table = 1e9 / r.tableBatched;

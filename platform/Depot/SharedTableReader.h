@@ -150,6 +150,14 @@ class SharedTableBase : public SharedTable {
     return 0;
   }
 
+  void prefetchSlot(U64 where) const final {
+    const Mapping& m = *map_;
+    if (where == 0 || where > m.geometry().capacity) return;
+    const U8* slot = m.slot(where - 1);
+    __builtin_prefetch(slot);
+    __builtin_prefetch(slot + m.geometry().stride - 1);
+  }
+
   // A whole iteration starts by looking for an update left open by a
   // writer that is gone, as consistent readers do at every query through
   // updateCounter(); other reads find one when they meet a slot it left busy.
@@ -317,6 +325,7 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
              : is(16, 17, 67, 72) ? Quick::node6
              : is(0, 5, 13, 16)   ? Quick::value4
              : is(0, 17, 25, 28)  ? Quick::value6
+             : is(0, 4, 61, 64)   ? Quick::line
                                   : Quick::none;
   }
 
@@ -347,8 +356,9 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   void followSuccessor() const;
   bool lookup(const U8* key, U32* words, U64& slot) const;
   // The layouts whose lookups have a path of their own, with their sizes
-  // built in: the trie's nodes and the route table's values.
-  enum class Quick { none, node4, node6, value4, value6 };
+  // built in: the trie's nodes, the route table's values and its value
+  // cache's lines.
+  enum class Quick { none, node4, node6, value4, value6, line };
   Quick quick_ = Quick::none;
   // Whether find's and readAt's own paths may answer: not around an update
   // a gone writer left open, nor once a newer generation exists.

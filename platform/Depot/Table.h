@@ -95,6 +95,10 @@ class DEPOTTRIE_API Table {
   // False sends the caller to find, which also answers for a table that
   // does not read by position.
   virtual bool readAt(U64 /*where*/, const U8* /*key*/, U8* /*out*/) const { return false; }
+  // Starts fetching the slot at `where` (as for readAt) without asking the
+  // index: for a caller that knows where a record lives, because it placed
+  // its keys in slot order.
+  virtual void prefetchSlot(U64 /*where*/) const {}
   // The stored record under key for a writer to change in place, or nullptr.
   virtual U8* inPlace(const U8* key) = 0;
   // Publishes a record changed in place as one whole change.

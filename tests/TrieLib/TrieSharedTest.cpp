@@ -221,18 +221,20 @@ TEST(RouteTableProcesses, ConsistentReadersOnlySeeStatesBetweenChanges) {
 // with growth fails in turn, once (space returns) or from then on (the disk
 // stays full for a while): the failed insertion leaves no trace in the trie
 // or the values, the writer goes on, and a reader and the next writer find
-// the acknowledged routes.
+// the acknowledged routes. (A failure in the value cache fails no
+// insertion: the cache then leaves the prefix out.)
 TEST(RouteTableFailures, AFailureAtAnyPointOfALoadWithGrowthLosesNothing) {
   PrefixGen gen(5);
   std::vector<IpGenPrefix> load(8000);
   for (size_t i = 0; i < load.size(); ++i) load[i] = gen.prefix(i % 3 == 0);
   U64 n = 1;
-  for (bool failed = true; failed; ++n) {
+  for (bool reached = true; reached; ++n) {
     Root root;
     RouteTable writer = RouteTable::openWriter("T", root.table);
     const RouteTable reader = RouteTable::openReader("T", root.table);
     Model m;
-    failed = false;
+    bool failed = false;
+    const U64 pointsBefore = Depot::failurePointsReached();
     Depot::injectFailureAt(n, n % 4 == 0);
     for (size_t i = 0, offAt = load.size(); i < load.size(); ++i) {
       if (i == offAt) Depot::injectFailureAt(0);
@@ -251,9 +253,11 @@ TEST(RouteTableFailures, AFailureAtAnyPointOfALoadWithGrowthLosesNothing) {
       Depot::injectFailureAt(n % 4 == 0 ? 1 : 0, true);  // every fourth time the disk stays full a while
     }
     Depot::injectFailureAt(0);
+    reached = Depot::failurePointsReached() - pointsBefore >= n;
     writer = RouteTable::openReader("T", root.table);
     writer = RouteTable::openWriter("T", root.table);
     ASSERT_EQ(std::pair(std::vector<Route>(writer.begin(), writer.end()), writer.size()), std::pair(m.all(), m.ref.size())) << n;
+    ASSERT_EQ(std::vector<Route>(reader.begin(), reader.end()), m.all()) << n;
   }
   EXPECT_GT(n, 20u);  // the load met that many points
 }

@@ -1,0 +1,212 @@
+#include "RouteTable/ValueCache.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <vector>
+
+namespace depottrie::detail {
+
+using Addrkit::AddressFamily;
+
+namespace {
+
+// A line: bucket number, the count it was written for, a bit per entry in
+// use, then the entries (a value-table record each: key, then value). One
+// cache line with the slot's sequence word.
+constexpr U32 bucketAt = 0, countAt = 4, usedAt = 8, entriesAt = 9, lineSize = 61, valueSize = 8;
+constexpr U32 minBuckets = 64;
+
+const Depot::RecordLayout layout{"RouteValueLine", lineSize, bucketAt, 4};
+
+template <class T>
+T field(const U8* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+}  // namespace
+
+struct ValueCache::Line {
+  std::array<U8, lineSize> bytes{};
+  Line() = default;
+  Line(U32 bucket, U32 count) {
+    std::memcpy(bytes.data() + bucketAt, &bucket, 4);
+    std::memcpy(bytes.data() + countAt, &count, 4);
+  }
+  U32 count() const { return field<U32>(bytes.data() + countAt); }
+  U8& used() { return bytes[usedAt]; }
+  U8 used() const { return bytes[usedAt]; }
+};
+
+ValueCache::ValueCache(std::unique_ptr<Depot::Table> table, AddressFamily af)
+    : table_(std::move(table)),
+      keySize_(af == AddressFamily::ipv4 ? sizeof(Addrkit::Prefix) : sizeof(Addrkit::Ip6Prefix)),
+      perLine_((lineSize - entriesAt) / (keySize_ + valueSize)) {}
+
+ValueCache::~ValueCache() = default;
+
+std::unique_ptr<ValueCache> ValueCache::writer(const Depot::TablePath& path, AddressFamily af, unsigned mode,
+                                               const Depot::Table& values, U64 expected) {
+  std::unique_ptr<ValueCache> c(new ValueCache(nullptr, af));
+  const U32 wanted = c->bucketsFor(std::max(expected, values.occupancy()));
+  c->table_ = Depot::SharedTable::writerNew(layout, path, {.capacity = std::max<U64>(minBuckets, wanted), .mode = mode});
+  c->count_ = U32(c->table_->occupancy());
+  if (c->tooFew(std::max(expected, values.occupancy())) || !c->consistent()) {
+    try {
+      c->rebuild(std::max(wanted, c->count_), values);
+    } catch (const std::exception&) {  // as in remember: the cache stays out of use
+      c->count_ = U32(c->table_->occupancy());
+    }
+  }
+  return c;
+}
+
+std::unique_ptr<ValueCache> ValueCache::reader(const Depot::TablePath& path, AddressFamily af) {
+  if (!Depot::sharedTableExists(path)) return nullptr;
+  return std::unique_ptr<ValueCache>(new ValueCache(Depot::SharedTable::readerNew(layout, path), af));
+}
+
+// A hash of the key's words (two multiplications for IPv4), its high bits
+// scaled to the count so that any count will do.
+U32 ValueCache::bucketOf(const U8* key, U32 count) const {
+  U64 h;
+  if (keySize_ == 5) {
+    h = (U64(field<U32>(key)) | U64(key[4]) << 32) * 0x9E3779B97F4A7C15ull;
+  } else {
+    h = (field<U64>(key) * 0x9E3779B97F4A7C15ull) ^ (field<U64>(key + 8) * 0xC2B2AE3D27D4EB4Full) ^
+        (U64(key[16]) << 32);
+    h *= 0x9E3779B97F4A7C15ull;
+  }
+  h ^= h >> 29;
+  h *= 0xbf58476d1ce4e5b9ull;
+  return U32((unsigned __int128)(h ^ (h >> 32)) * count >> 64);
+}
+
+// Buckets are made for the prefixes to fill half their entries, and added
+// once they fill three quarters: about 4 to 11 % of IPv4's prefixes find
+// their bucket full, 10 to 19 % of IPv6's (two to a line), for a line per
+// 2 to 3 IPv4 prefixes or per 1 to 1.5 IPv6 ones.
+U32 ValueCache::bucketsFor(U64 prefixes) const {
+  const U64 n = (prefixes * 2 + perLine_ - 1) / perLine_;
+  return U32(std::clamp<U64>(n, minBuckets, (U64(1) << 31) - 1));
+}
+
+bool ValueCache::tooFew(U64 prefixes) const { return prefixes * 4 > U64(count_) * perLine_ * 3; }
+
+void ValueCache::prefetch(const U8* key) const {
+  if (const U32 count = U32(table_->occupancy())) table_->prefetchSlot(U64(bucketOf(key, count)) + 1);
+}
+
+bool ValueCache::readLine(U32 bucket, Line& line) const {
+  const U8* key = reinterpret_cast<const U8*>(&bucket);
+  return table_->readAt(U64(bucket) + 1, key, line.bytes.data()) || table_->find(key, line.bytes.data());
+}
+
+int ValueCache::slotOf(const Line& line, const U8* key) const {
+  const auto same = [&](const U8* entry) {
+    return keySize_ == 5 ? std::memcmp(entry, key, 5) == 0 : std::memcmp(entry, key, 17) == 0;
+  };
+  for (U32 i = 0; i < perLine_; ++i)
+    if ((line.used() >> i & 1) && same(line.bytes.data() + entriesAt + i * (keySize_ + valueSize))) return int(i);
+  return -1;
+}
+
+std::optional<U64> ValueCache::find(const U8* key) const {
+  const U32 count = U32(table_->occupancy());
+  if (count == 0) return std::nullopt;
+  Line line;
+  if (!readLine(bucketOf(key, count), line) || line.count() != count) return std::nullopt;
+  const int i = slotOf(line, key);
+  if (i < 0) return std::nullopt;
+  return field<U64>(line.bytes.data() + entriesAt + U32(i) * (keySize_ + valueSize) + keySize_);
+}
+
+void ValueCache::forget(const U8* key) {
+  if (count_ == 0) return;
+  Line line;
+  if (!readLine(bucketOf(key, count_), line) || line.count() != count_) return;
+  const int i = slotOf(line, key);
+  if (i < 0) return;
+  line.used() &= U8(~(1u << i));
+  table_->write(line.bytes.data());
+}
+
+// Leaving a prefix out is always correct, so a failure here is not the
+// caller's: a rebuild that fails leaves the cache stale until the next
+// writer, a line that cannot be written leaves the prefix out.
+void ValueCache::remember(const U8* key, U64 value, const Depot::Table& values) {
+  if (stale_) return;
+  try {
+    if (tooFew(values.occupancy())) return rebuild(bucketsFor(values.occupancy()), values);
+    Line line;
+    if (!readLine(bucketOf(key, count_), line) || line.count() != count_) return;
+    int i = slotOf(line, key);
+    if (i < 0) {
+      if (line.used() == (1u << perLine_) - 1) return;
+      i = std::countr_one(line.used());
+      line.used() |= U8(1u << i);
+    }
+    U8* entry = line.bytes.data() + entriesAt + U32(i) * (keySize_ + valueSize);
+    std::memcpy(entry, key, keySize_);
+    std::memcpy(entry + keySize_, &value, valueSize);
+    table_->write(line.bytes.data());
+  } catch (const std::exception&) {
+    if (stale_) count_ = U32(table_->occupancy());
+  }
+}
+
+void ValueCache::reserve(U64 prefixes, const Depot::Table& values) {
+  if (tooFew(prefixes) && !stale_) rebuild(bucketsFor(prefixes), values);
+}
+
+// Every bucket is there and was written for the count.
+bool ValueCache::consistent() const {
+  Line line;
+  U64 hint, seen = 0;
+  for (bool ok = table_->iterFirst(hint, line.bytes.data()); ok; ok = table_->iterNext(hint, line.bytes.data())) {
+    if (field<U32>(line.bytes.data() + bucketAt) >= count_ || line.count() != count_) return false;
+    ++seen;
+  }
+  return seen == count_;
+}
+
+// New buckets are added empty and written for the new count, so that none
+// is believed until every one is there; then each bucket is written, in
+// order, with the values that belong to it.
+void ValueCache::rebuild(U32 buckets, const Depot::Table& values) {
+  stale_ = true;
+  for (U32 b = U32(table_->occupancy()); b < buckets; ++b) table_->write(Line(b, buckets).bytes.data());
+  count_ = buckets;
+
+  const U32 entrySize = keySize_ + valueSize;
+  struct Entry {
+    U32 bucket;
+    std::array<U8, sizeof(Addrkit::Ip6Prefix) + valueSize> record;
+  };
+  std::vector<Entry> all;
+  all.reserve(values.occupancy());
+  Entry e{};
+  U64 hint;
+  for (bool ok = values.iterFirst(hint, e.record.data()); ok; ok = values.iterNext(hint, e.record.data())) {
+    e.bucket = bucketOf(e.record.data(), buckets);
+    all.push_back(e);
+  }
+  std::sort(all.begin(), all.end(), [](const Entry& a, const Entry& b) { return a.bucket < b.bucket; });
+
+  auto next = all.begin();
+  for (U32 b = 0; b < buckets; ++b) {
+    Line line(b, buckets);
+    for (U32 i = 0; next != all.end() && next->bucket == b; ++next, ++i) {
+      if (i >= perLine_) continue;
+      std::memcpy(line.bytes.data() + entriesAt + i * entrySize, next->record.data(), entrySize);
+      line.used() |= U8(1u << i);
+    }
+    table_->write(line.bytes.data());
+  }
+  stale_ = false;
+}
+
+}  // namespace depottrie::detail
