@@ -181,6 +181,7 @@ class Mapping {
  private:
   Mapping(int fd, U8* base, const Geometry& g, U64 generation, U32 mode);
   void populate(U64 from, U64 to);
+  void useHugePages();
   U8* journalEntry(U32 i) const { return base_ + geometry_.journalOffset + U64(i) * geometry_.journalStride; }
   int fd_;
   U8* base_;
@@ -190,6 +191,7 @@ class Mapping {
   dev_t dev_ = 0;
   ino_t ino_ = 0;
   U64 reservedBytes_ = 0;
+  U64 hugeBytes_ = 0;  // the memory below is in huge pages as far as the kernel could
 };
 
 // The file name of generation `generation` of the table named base.

@@ -92,13 +92,29 @@ U64 SharedTableReader::updateCounter() const {
 
 // One settled pass of find with the layout's sizes built in: 1 found, 0
 // absent, -1 for the general path to settle.
+// A record out of the words a slot read just stored one at a time, copied
+// a word at a time (relaxed loads, which the compiler does not widen): a
+// wider load across several fresh stores cannot take its bytes from them
+// and waits until they reach the cache.
+template <U32 RecordSize>
+inline void copyRecord(U8* out, const U32* words) {
+  for (U32 w = 0; w < RecordSize / 4; ++w) {
+    const U32 v = loadRelaxed(words[w]);
+    std::memcpy(out + 4 * w, &v, 4);
+  }
+  if constexpr (RecordSize % 4 != 0) {
+    const U32 v = loadRelaxed(words[RecordSize / 4]);
+    std::memcpy(out + RecordSize / 4 * 4, &v, RecordSize % 4);
+  }
+}
+
 template <U32 Words, U32 KeySize, U32 RecordSize>
 int SharedTableReader::quickFind(const U8* key, U8* out) const {
   U32 copy[Words];
   const Probe p = probe<Words>(*map_, keys_, key, fixedKeyHash<KeySize>(key), copy, false);
   if (p.outcome == Outcome::absent) return 0;
   if (p.outcome != Outcome::found) return -1;
-  std::memcpy(out, copy, RecordSize);
+  copyRecord<RecordSize>(out, copy);
   return 1;
 }
 
@@ -133,7 +149,7 @@ bool SharedTableReader::quickReadAt(U64 where, const U8* key, U8* out) const {
   U32 copy[Words];
   if (readSlot<Words>(m, where - 1, copy) != SlotRead::ok || !keys_.same(keys_.of(reinterpret_cast<const U8*>(copy)), key))
     return false;
-  std::memcpy(out, copy, RecordSize);
+  copyRecord<RecordSize>(out, copy);
   return true;
 }
 
