@@ -12,13 +12,15 @@ using Addrkit::AddressFamily;
 
 namespace {
 
-// A line: bucket number, the count it was written for, a bit per entry in
-// use, then the entries (a value-table record each: key, then value). One
-// cache line with the slot's sequence word.
-constexpr U32 bucketAt = 0, countAt = 4, usedAt = 8, entriesAt = 9, lineSize = 61, valueSize = 8;
+// A bucket: its number, the count it was written for, a bit per entry in
+// use, then the entries (a value-table record each: key, then value): 8
+// IPv4 or 4 IPv6 ones. With the slot's sequence word it fills two adjacent
+// cache lines, fetched together: the spread of prefixes over buckets is
+// narrower at 8 to a bucket than at 4, so fewer find theirs full.
+constexpr U32 bucketAt = 0, countAt = 4, usedAt = 8, entriesAt = 9, bucketSize = 125, valueSize = 8;
 constexpr U32 minBuckets = 64;
 
-const Depot::RecordLayout layout{"RouteValueLine", lineSize, bucketAt, 4};
+const Depot::RecordLayout layout{"RouteValueBucket", bucketSize, bucketAt, 4};
 
 template <class T>
 T field(const U8* p) {
@@ -29,10 +31,10 @@ T field(const U8* p) {
 
 }  // namespace
 
-struct ValueCache::Line {
-  std::array<U8, lineSize> bytes{};
-  Line() = default;
-  Line(U32 bucket, U32 count) {
+struct ValueCache::Bucket {
+  std::array<U8, bucketSize> bytes{};
+  Bucket() = default;
+  Bucket(U32 bucket, U32 count) {
     std::memcpy(bytes.data() + bucketAt, &bucket, 4);
     std::memcpy(bytes.data() + countAt, &count, 4);
   }
@@ -44,7 +46,7 @@ struct ValueCache::Line {
 ValueCache::ValueCache(std::unique_ptr<Depot::Table> table, AddressFamily af)
     : table_(std::move(table)),
       keySize_(af == AddressFamily::ipv4 ? sizeof(Addrkit::Prefix) : sizeof(Addrkit::Ip6Prefix)),
-      perLine_((lineSize - entriesAt) / (keySize_ + valueSize)) {}
+      perBucket_((bucketSize - entriesAt) / (keySize_ + valueSize)) {}
 
 ValueCache::~ValueCache() = default;
 
@@ -52,7 +54,18 @@ std::unique_ptr<ValueCache> ValueCache::writer(const Depot::TablePath& path, Add
                                                const Depot::Table& values, U64 expected) {
   std::unique_ptr<ValueCache> c(new ValueCache(nullptr, af));
   const U32 wanted = c->bucketsFor(std::max(expected, values.occupancy()));
-  c->table_ = Depot::SharedTable::writerNew(layout, path, {.capacity = std::max<U64>(minBuckets, wanted), .mode = mode});
+  const Depot::SharedTableOptions options{.capacity = std::max<U64>(minBuckets, wanted), .mode = mode};
+  try {
+    c->table_ = Depot::SharedTable::writerNew(layout, path, options);
+  } catch (const Depot::WriterBusyException&) {
+    throw;
+  } catch (const Depot::SharedFileException&) {
+    // A cache of another layout (an older release's) or a damaged one holds
+    // nothing the value table lacks: it is made again. A name that is no
+    // regular file is still refused, by the drop.
+    Depot::sharedTableDrop(path);
+    c->table_ = Depot::SharedTable::writerNew(layout, path, options);
+  }
   c->count_ = U32(c->table_->occupancy());
   if (c->tooFew(std::max(expected, values.occupancy())) || !c->consistent()) {
     try {
@@ -66,15 +79,28 @@ std::unique_ptr<ValueCache> ValueCache::writer(const Depot::TablePath& path, Add
 
 std::unique_ptr<ValueCache> ValueCache::reader(const Depot::TablePath& path, AddressFamily af) {
   if (!Depot::sharedTableExists(path)) return nullptr;
-  return std::unique_ptr<ValueCache>(new ValueCache(Depot::SharedTable::readerNew(layout, path), af));
+  try {
+    return std::unique_ptr<ValueCache>(new ValueCache(Depot::SharedTable::readerNew(layout, path), af));
+  } catch (const Depot::SharedFileException&) {
+    return nullptr;  // another layout, or damaged: the value table answers alone until the next writer
+  }
 }
 
 // A hash of the key's words (two multiplications for IPv4), its high bits
-// scaled to the count so that any count will do.
+// scaled to the count so that any count will do. An odd IPv4 length hashes
+// as the even prefix one bit shorter: a lookup fetches the bucket of the
+// deepest node key it meets, and the answers one bit longer than that key
+// (a sixth of them on the sample tables) then share it.
 U32 ValueCache::bucketOf(const U8* key, U32 count) const {
   U64 h;
   if (keySize_ == 5) {
-    h = (U64(field<U32>(key)) | U64(key[4]) << 32) * 0x9E3779B97F4A7C15ull;
+    std::array<U8, 5> k;
+    std::memcpy(k.data(), key, 5);
+    if (k[4] & 1) {
+      --k[4];
+      k[k[4] / 8] &= U8(~(0x80u >> k[4] % 8));
+    }
+    h = (U64(field<U32>(k.data())) | U64(k[4]) << 32) * 0x9E3779B97F4A7C15ull;
   } else {
     h = (field<U64>(key) * 0x9E3779B97F4A7C15ull) ^ (field<U64>(key + 8) * 0xC2B2AE3D27D4EB4Full) ^
         (U64(key[16]) << 32);
@@ -86,30 +112,29 @@ U32 ValueCache::bucketOf(const U8* key, U32 count) const {
 }
 
 // Buckets are made for the prefixes to fill half their entries, and added
-// once they fill three quarters: about 4 to 11 % of IPv4's prefixes find
-// their bucket full, 10 to 19 % of IPv6's (two to a line), for a line per
-// 2 to 3 IPv4 prefixes or per 1 to 1.5 IPv6 ones.
+// once they fill three quarters: a bucket of 128 bytes per 4 to 6 IPv4
+// prefixes or per 2 to 3 IPv6 ones.
 U32 ValueCache::bucketsFor(U64 prefixes) const {
-  const U64 n = (prefixes * 2 + perLine_ - 1) / perLine_;
+  const U64 n = (prefixes * 2 + perBucket_ - 1) / perBucket_;
   return U32(std::clamp<U64>(n, minBuckets, (U64(1) << 31) - 1));
 }
 
-bool ValueCache::tooFew(U64 prefixes) const { return prefixes * 4 > U64(count_) * perLine_ * 3; }
+bool ValueCache::tooFew(U64 prefixes) const { return prefixes * 4 > U64(count_) * perBucket_ * 3; }
 
 void ValueCache::prefetch(const U8* key) const {
   if (const U32 count = U32(table_->occupancy())) table_->prefetchSlot(U64(bucketOf(key, count)) + 1);
 }
 
-bool ValueCache::readLine(U32 bucket, Line& line) const {
+bool ValueCache::readBucket(U32 bucket, Bucket& line) const {
   const U8* key = reinterpret_cast<const U8*>(&bucket);
   return table_->readAt(U64(bucket) + 1, key, line.bytes.data()) || table_->find(key, line.bytes.data());
 }
 
-int ValueCache::slotOf(const Line& line, const U8* key) const {
+int ValueCache::slotOf(const Bucket& line, const U8* key) const {
   const auto same = [&](const U8* entry) {
     return keySize_ == 5 ? std::memcmp(entry, key, 5) == 0 : std::memcmp(entry, key, 17) == 0;
   };
-  for (U32 i = 0; i < perLine_; ++i)
+  for (U32 i = 0; i < perBucket_; ++i)
     if ((line.used() >> i & 1) && same(line.bytes.data() + entriesAt + i * (keySize_ + valueSize))) return int(i);
   return -1;
 }
@@ -117,8 +142,8 @@ int ValueCache::slotOf(const Line& line, const U8* key) const {
 std::optional<U64> ValueCache::find(const U8* key) const {
   const U32 count = U32(table_->occupancy());
   if (count == 0) return std::nullopt;
-  Line line;
-  if (!readLine(bucketOf(key, count), line) || line.count() != count) return std::nullopt;
+  Bucket line;
+  if (!readBucket(bucketOf(key, count), line) || line.count() != count) return std::nullopt;
   const int i = slotOf(line, key);
   if (i < 0) return std::nullopt;
   return field<U64>(line.bytes.data() + entriesAt + U32(i) * (keySize_ + valueSize) + keySize_);
@@ -126,8 +151,8 @@ std::optional<U64> ValueCache::find(const U8* key) const {
 
 void ValueCache::forget(const U8* key) {
   if (count_ == 0) return;
-  Line line;
-  if (!readLine(bucketOf(key, count_), line) || line.count() != count_) return;
+  Bucket line;
+  if (!readBucket(bucketOf(key, count_), line) || line.count() != count_) return;
   const int i = slotOf(line, key);
   if (i < 0) return;
   line.used() &= U8(~(1u << i));
@@ -136,16 +161,16 @@ void ValueCache::forget(const U8* key) {
 
 // Leaving a prefix out is always correct, so a failure here is not the
 // caller's: a rebuild that fails leaves the cache stale until the next
-// writer, a line that cannot be written leaves the prefix out.
+// writer, a bucket that cannot be written leaves the prefix out.
 void ValueCache::remember(const U8* key, U64 value, const Depot::Table& values) {
   if (stale_) return;
   try {
     if (tooFew(values.occupancy())) return rebuild(bucketsFor(values.occupancy()), values);
-    Line line;
-    if (!readLine(bucketOf(key, count_), line) || line.count() != count_) return;
+    Bucket line;
+    if (!readBucket(bucketOf(key, count_), line) || line.count() != count_) return;
     int i = slotOf(line, key);
     if (i < 0) {
-      if (line.used() == (1u << perLine_) - 1) return;
+      if (line.used() == (1u << perBucket_) - 1) return;
       i = std::countr_one(line.used());
       line.used() |= U8(1u << i);
     }
@@ -164,7 +189,7 @@ void ValueCache::reserve(U64 prefixes, const Depot::Table& values) {
 
 // Every bucket is there and was written for the count.
 bool ValueCache::consistent() const {
-  Line line;
+  Bucket line;
   U64 hint, seen = 0;
   for (bool ok = table_->iterFirst(hint, line.bytes.data()); ok; ok = table_->iterNext(hint, line.bytes.data())) {
     if (field<U32>(line.bytes.data() + bucketAt) >= count_ || line.count() != count_) return false;
@@ -178,7 +203,7 @@ bool ValueCache::consistent() const {
 // order, with the values that belong to it.
 void ValueCache::rebuild(U32 buckets, const Depot::Table& values) {
   stale_ = true;
-  for (U32 b = U32(table_->occupancy()); b < buckets; ++b) table_->write(Line(b, buckets).bytes.data());
+  for (U32 b = U32(table_->occupancy()); b < buckets; ++b) table_->write(Bucket(b, buckets).bytes.data());
   count_ = buckets;
 
   const U32 entrySize = keySize_ + valueSize;
@@ -198,9 +223,9 @@ void ValueCache::rebuild(U32 buckets, const Depot::Table& values) {
 
   auto next = all.begin();
   for (U32 b = 0; b < buckets; ++b) {
-    Line line(b, buckets);
+    Bucket line(b, buckets);
     for (U32 i = 0; next != all.end() && next->bucket == b; ++next, ++i) {
-      if (i >= perLine_) continue;
+      if (i >= perBucket_) continue;
       std::memcpy(line.bytes.data() + entriesAt + i * entrySize, next->record.data(), entrySize);
       line.used() |= U8(1u << i);
     }

@@ -4,29 +4,34 @@
 //
 // The value table (ValueTable.h) finds a record through its hashed index:
 // an index entry, then the record it names, two misses one after the other.
-// The cache holds the same values in buckets of one cache line each, which
-// a reader finds from the prefix alone: bucket b is the record keyed by b
-// of a shared table to which the writer adds buckets 0, 1, 2, ... in order
-// and from which it never removes one, so bucket b lives in slot b (slot
-// numbers hold across the table's generations). A lookup starts fetching
-// the lines of its likely answers while the trie's descent goes on.
+// The cache holds the same values in buckets of 128 bytes (two adjacent
+// cache lines, fetched together), which a reader finds from the prefix
+// alone: bucket b is the record keyed by b of a shared table to which the
+// writer adds buckets 0, 1, 2, ... in order and from which it never removes
+// one, so bucket b lives in slot b (slot numbers hold across the table's
+// generations). A lookup starts fetching the bucket of its likely answers
+// while the trie's descent goes on.
 //
 // What it keeps:
-// - A bucket holds up to 4 (IPv4) or 2 (IPv6) prefixes with their values,
+// - A bucket holds up to 8 (IPv4) or 4 (IPv6) prefixes with their values,
 //   and the bucket count it was written for. The bucket count is the
 //   table's record count, which only grows; a reader believes a bucket only
 //   when it was written for the count the table has now.
+// - An odd IPv4 length shares the bucket of the even prefix one bit
+//   shorter, so that one fetch serves a node key and the lengths one longer.
 // - A prefix in a believed bucket has the value the value table holds for
 //   it: the writer takes a prefix out of its bucket before it changes or
 //   removes the value-table record, and puts it back after. A writer killed
 //   in between leaves the prefix out.
 // - A prefix not in its believed bucket (the bucket was full, or the writer
 //   was killed as above) is read from the value table; so is every prefix
-//   while the buckets are being rewritten.
+//   while the buckets are being rewritten, and every prefix of a cache that
+//   cannot be read (another release's layout, or damage) until its next
+//   writer makes it again.
 // - Once the prefixes fill three quarters of the entries, the writer adds
 //   buckets for them to fill half, then rewrites every bucket from the value
-//   table for the new count. A writer that reopens the cache and finds a bucket written
-//   for another count, or too few buckets, does the same.
+//   table for the new count. A writer that reopens the cache and finds a
+//   bucket written for another count, or too few buckets, does the same.
 #include <memory>
 #include <optional>
 
@@ -47,7 +52,7 @@ class ValueCache {
   ~ValueCache();
 
   // The key bytes are a prefix as the trie's records hold it (5 or 17).
-  // Starts fetching the line of key's bucket.
+  // Starts fetching key's bucket.
   void prefetch(const U8* key) const;
   // key's value; nullopt when the cache does not hold it (ask the value
   // table).
@@ -63,10 +68,10 @@ class ValueCache {
 
  private:
   ValueCache(std::unique_ptr<Depot::Table> table, Addrkit::AddressFamily af);
-  struct Line;
+  struct Bucket;
   U32 bucketOf(const U8* key, U32 count) const;
-  bool readLine(U32 bucket, Line& line) const;
-  int slotOf(const Line& line, const U8* key) const;
+  bool readBucket(U32 bucket, Bucket& out) const;
+  int slotOf(const Bucket& bucket, const U8* key) const;
   U32 bucketsFor(U64 prefixes) const;
   bool tooFew(U64 prefixes) const;
   bool consistent() const;
@@ -74,7 +79,7 @@ class ValueCache {
 
   std::unique_ptr<Depot::Table> table_;
   U32 keySize_;
-  U32 perLine_;
+  U32 perBucket_;
   // The writer's bucket count, and whether a rebuild failed (the cache then
   // adds nothing until the next writer rebuilds it).
   U32 count_ = 0;

@@ -105,22 +105,22 @@ std::optional<U64> ValueTables::find(const IpGenPrefix& p) const {
   return value;
 }
 
-// The cache lines are fetched a few prefixes ahead of their reads; the
+// The cache buckets are fetched a few prefixes ahead of their reads; the
 // values the cache lacks are then read from the value table in groups whose
 // index entries, then records, are fetched together before the first is
 // read (each record read where the index named it or, when it has moved
 // since, looked up).
 void ValueTables::values(std::span<const IpGenPrefix> prefixes, std::span<U64> out) const {
   constexpr size_t ahead = 16, group = 16;
-  const auto fetchLine = [&](size_t i) {
+  const auto fetchBucket = [&](size_t i) {
     const IpGenPrefix& p = prefixes[i];
     if (const ValueCache* c = p.af() == AddressFamily::none ? nullptr : readCache(p.af())) c->prefetch(Record(p).key());
   };
-  for (size_t i = 0; i < std::min(ahead, prefixes.size()); ++i) fetchLine(i);
+  for (size_t i = 0; i < std::min(ahead, prefixes.size()); ++i) fetchBucket(i);
   std::vector<size_t>& missed = missed_;
   missed.clear();
   for (size_t i = 0; i < prefixes.size(); ++i) {
-    if (i + ahead < prefixes.size()) fetchLine(i + ahead);
+    if (i + ahead < prefixes.size()) fetchBucket(i + ahead);
     const IpGenPrefix& p = prefixes[i];
     out[i] = 0;
     if (p.af() == AddressFamily::none || !table(p.af())) continue;

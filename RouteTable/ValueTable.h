@@ -50,7 +50,7 @@ class ValueTables {
   void values(std::span<const Addrkit::IpGenPrefix> prefixes, std::span<U64> out) const;
 
   // Starts fetching the values of the prefixes a lookup may answer with:
-  // their cache lines, else (no cache, or the writer) the value table's
+  // their cache buckets, else (no cache, or the writer) the value table's
   // index entries.
   const Routing::Lattice::AnswerFetch* fetcher() const { return &fetch_; }
 

@@ -126,7 +126,7 @@ bool SharedTableReader::find(const U8* key, U8* out) const {
       case Quick::node6: found = quickFind<72 / 4, 17, 67>(key, out); break;
       case Quick::value4: found = quickFind<16 / 4, 5, 13>(key, out); break;
       case Quick::value6: found = quickFind<28 / 4, 17, 25>(key, out); break;
-      case Quick::line: found = quickFind<64 / 4, 4, 61>(key, out); break;
+      case Quick::line: found = quickFind<128 / 4, 4, 125>(key, out); break;
       case Quick::none: break;
     }
     if (found >= 0) return found == 1;
@@ -160,7 +160,7 @@ bool SharedTableReader::readAt(U64 where, const U8* key, U8* out) const {
     case Quick::node6: return quickReadAt<72 / 4, 67>(where, key, out);
     case Quick::value4: return quickReadAt<16 / 4, 13>(where, key, out);
     case Quick::value6: return quickReadAt<28 / 4, 25>(where, key, out);
-    case Quick::line: return quickReadAt<64 / 4, 61>(where, key, out);
+    case Quick::line: return quickReadAt<128 / 4, 125>(where, key, out);
     case Quick::none: break;
   }
   return false;

@@ -325,7 +325,7 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
              : is(16, 17, 67, 72) ? Quick::node6
              : is(0, 5, 13, 16)   ? Quick::value4
              : is(0, 17, 25, 28)  ? Quick::value6
-             : is(0, 4, 61, 64)   ? Quick::line
+             : is(0, 4, 125, 128) ? Quick::line
                                   : Quick::none;
   }
 
