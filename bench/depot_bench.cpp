@@ -665,12 +665,12 @@ Levels recordsByLevel(const Trie& t, bool v6) {
 // ---------------------------------------------------------------------------
 // Timed lookups.
 
-// Lookups per second of `one` over the queries, cycled, for kRunSeconds.
+// Lookups per second of `one` over the queries, cycled, for `seconds`.
 bool missed(const IpGenPrefix& answer) { return answer.isEmpty(); }
 bool missed(const std::optional<depottrie::Route>& answer) { return !answer; }
 
 template <class Query, class One>
-double rateOneAtATime(const std::vector<Query>& queries, U64 offset, One&& one) {
+double rateOneAtATime(const std::vector<Query>& queries, U64 offset, One&& one, double seconds = kRunSeconds) {
   const size_t mask = queries.size() - 1;  // a power of two
   size_t i = offset, done = 0;
   U64 empty = 0;
@@ -679,7 +679,7 @@ double rateOneAtATime(const std::vector<Query>& queries, U64 offset, One&& one) 
   do {
     for (size_t k = 0; k < 4096; ++k) empty += missed(one(queries[i++ & mask]));
     done += 4096;
-  } while ((elapsed = secondsSince(start)) < kRunSeconds);
+  } while ((elapsed = secondsSince(start)) < seconds);
   gSink = gSink + empty;
   return double(done) / elapsed;
 }
@@ -707,6 +707,9 @@ double rateBatched(const std::vector<Query>& queries, U64 offset, Batch&& batch)
 
 double rateLongestMatch(const Trie& t, const std::vector<IpGenPrefix>& q, U64 offset) {
   return rateOneAtATime(q, offset, [&](const IpGenPrefix& p) { return t.longestMatch(p); });
+}
+double rateLongestMatchFor(const Trie& t, const std::vector<IpGenPrefix>& q, double seconds) {
+  return rateOneAtATime(q, 0, [&](const IpGenPrefix& p) { return t.longestMatch(p); }, seconds);
 }
 double rateLongestMatchBatched(const Trie& t, const std::vector<IpGenPrefix>& q, U64 offset) {
   return rateBatched(q, offset, [&](auto in, auto out) { t.longestMatch(in, out); });
@@ -886,6 +889,7 @@ double computeScaling() {
 struct ReaderFigures {
   double lpm = 0, longestMatch = 0, consistentLongestMatch = 0, batched = 0, consistentBatched = 0;
   double table = 0, tableBatched = 0;  // RouteTable::lookup: prefix and value
+  double tableRatio = 0;  // its time over longestMatch's, from alternated runs
   double recordsPerLookup = 0, neighboursPerLookup = 0, meanDepth = 0, skippedPerLookup = 0, fromTopShare = 0;
   U32 depthMedian = 0, depthP99 = 0, depthMax = 0;
   U32 cachedLevels = 0;
@@ -1131,6 +1135,18 @@ FamilyFigures benchFamily(bool v6, const std::vector<IpGenPrefix>& prefixes, con
                r.table = rateOneAtATime(asked, 0, [&](const depottrie::Prefix& p) { return table.lookup(p); });
                r.tableBatched = rateBatched<std::optional<depottrie::Route>>(
                    asked, 0, [&](auto in, auto out) { table.lookup(in, out); });
+               // The ratio from short runs of each in turn: two runs a few
+               // seconds apart differ by more than the ratio's margin on a
+               // busy host, turns of a fifth of a second do not.
+               std::vector<double> ratios;
+               for (int turn = 0; turn < 7; ++turn) {
+                 const double plain = rateLongestMatchFor(t, queries, kRunSeconds / 5);
+                 const double valued = rateOneAtATime(
+                     asked, 0, [&](const depottrie::Prefix& p) { return table.lookup(p); }, kRunSeconds / 5);
+                 ratios.push_back(plain / valued);
+               }
+               std::sort(ratios.begin(), ratios.end());
+               r.tableRatio = ratios[ratios.size() / 2];
 
                const IpGenPrefix top = v6 ? IpGenPrefix(rootPrefix6) : IpGenPrefix(rootPrefix);
                Clock::time_point start = Clock::now();
@@ -1353,17 +1369,17 @@ std::vector<std::vector<std::string>> unmetTargets(const FamilyFigures& f, bool 
     out.push_back({fmt::format("{} measured / bound {:.2f}: beyond the misses a lookup spends {:.0f} ns, {:.0f} ns "
                                "per record read; less work per record removes it.",
                                family, single / bound, single - bound, (single - bound) / r.recordsPerLookup)});
-  if (r.table > 0 && r.longestMatch / r.table > t.tableRatio) {
-    const double value = 1e9 / r.table - single;
+  if (r.tableRatio > t.tableRatio) {
+    const double value = single * (r.tableRatio - 1);
     out.push_back(
         {fmt::format("{} RouteTable::lookup / longestMatch {:.2f}: the value adds {:.0f} ns per lookup, {:.1f} "
                      "dependent misses;",
-                     family, r.longestMatch / r.table, value, value / miss),
-         fmt::format("{:.2f} allows {:.0f} ns. The value is one more line (its cache line), fetched during the "
-                     "descent",
+                     family, r.tableRatio, value, value / miss),
+         fmt::format("{:.2f} allows {:.0f} ns. The value is one more read (its bucket, two adjacent cache lines), "
+                     "fetched during the descent",
                      t.tableRatio, single * (t.tableRatio - 1)),
-         "for the deepest node's key only (most answers); each further fetch costs more than it saves. A value "
-         "in lines the descent reads would remove it."});
+         "for the deepest node's key only (which holds 8 in 10 answers); each further fetch costs more than it "
+         "saves. A value in lines the descent reads would remove it."});
   }
   if (f.python.measured && t.pythonBatched > 0 && f.python.batched < t.pythonBatched && r.tableBatched > 0) {
     const double per = 1e9 / f.python.batched, table = 1e9 / r.tableBatched;
@@ -1459,8 +1475,8 @@ int run() {
   both("  RouteTable::lookup (prefix and value)", [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.table)); });
   both(fmt::format("  RouteTable::lookup, batches of {}", kBatch),
        [&](const FamilyFigures& f, bool) { return plain(rate(f.reader.tableBatched)); });
-  both("  RouteTable::lookup time / longestMatch time", [&](const FamilyFigures& f, bool six) {
-    const double ratio = f.reader.longestMatch / f.reader.table;
+  both("  RouteTable::lookup time / longestMatch time (alternated)", [&](const FamilyFigures& f, bool six) {
+    const double ratio = f.reader.tableRatio;
     return judged(fmt::format("{:.2f}", ratio), ratio, kTargets[six].tableRatio, false,
                   fmt::format("≤ {:g}", kTargets[six].tableRatio));
   });
