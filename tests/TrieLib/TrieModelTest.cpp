@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "RouteTable/Internal.h"
 #include "TrieLib/ConsistentRead.h"
 #include "TrieLib/DepotTrie.h"
 #include "TrieLib/TrieCheck.h"
@@ -17,10 +16,6 @@
 
 using namespace Routing::Lattice;
 using namespace testkit;
-using depottrie::Prefix;
-using depottrie::Route;
-using depottrie::RouteTable;
-using depottrie::detail::Access;
 
 namespace {
 

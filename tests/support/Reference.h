@@ -10,11 +10,13 @@
 #include <vector>
 
 #include "Addrkit/Prefix.h"
+#include "RouteTable/Internal.h"
 #include "RouteTable/RouteTable.h"
 
 namespace testkit {
 
 using Addrkit::IpGenPrefix, Basis::U32;
+using depottrie::Prefix, depottrie::Route, depottrie::RouteTable, depottrie::detail::Access;
 
 // p cut to len bits, same family.
 inline IpGenPrefix cut(const IpGenPrefix& p, U32 len) {
