@@ -16,15 +16,17 @@ namespace depottrie {
 namespace {
 
 // Text of an IPv4 prefix or address with no bit set beyond its length,
-// parsed straight into a prefix's fields: a batch of lookups from text (the Python module's)
-// spends much of its own time here. Anything else is left to the full parser.
+// parsed straight into a prefix's fields: a batch of lookups from text
+// (the Python module's) spends much of its own time here. Anything else,
+// and every error with its message, is left to the full parser.
 bool parsedIpv4(std::string_view text, std::array<std::uint8_t, 16>& bytes, std::uint8_t& length) {
   const size_t slash = text.find('/');
   Basis::U32 len = 32;
   if (!Addrkit::parse::ip4(text.substr(0, slash), bytes.data()) ||
       (slash != std::string_view::npos && !Addrkit::parse::length(text.substr(slash + 1), 32, len)))
     return false;
-  const Basis::U32 address = Basis::U32(bytes[0]) << 24 | Basis::U32(bytes[1]) << 16 | Basis::U32(bytes[2]) << 8 | bytes[3];
+  const Basis::U32 address =
+      Basis::U32(bytes[0]) << 24 | Basis::U32(bytes[1]) << 16 | Basis::U32(bytes[2]) << 8 | bytes[3];
   if (len < 32 && (address << len) != 0) return false;
   length = std::uint8_t(len);
   return true;

@@ -125,38 +125,38 @@ void ValueCache::prefetch(const U8* key) const {
   if (const U32 count = U32(table_->occupancy())) table_->prefetchSlot(U64(bucketOf(key, count)) + 1);
 }
 
-bool ValueCache::readBucket(U32 bucket, Bucket& line) const {
-  const U8* key = reinterpret_cast<const U8*>(&bucket);
-  return table_->readAt(U64(bucket) + 1, key, line.bytes.data()) || table_->find(key, line.bytes.data());
+bool ValueCache::readBucket(U32 number, Bucket& out) const {
+  const U8* key = reinterpret_cast<const U8*>(&number);
+  return table_->readAt(U64(number) + 1, key, out.bytes.data()) || table_->find(key, out.bytes.data());
 }
 
-int ValueCache::slotOf(const Bucket& line, const U8* key) const {
+int ValueCache::slotOf(const Bucket& bucket, const U8* key) const {
   const auto same = [&](const U8* entry) {
     return keySize_ == 5 ? std::memcmp(entry, key, 5) == 0 : std::memcmp(entry, key, 17) == 0;
   };
   for (U32 i = 0; i < perBucket_; ++i)
-    if ((line.used() >> i & 1) && same(line.bytes.data() + entriesAt + i * (keySize_ + valueSize))) return int(i);
+    if ((bucket.used() >> i & 1) && same(bucket.bytes.data() + entriesAt + i * (keySize_ + valueSize))) return int(i);
   return -1;
 }
 
 std::optional<U64> ValueCache::find(const U8* key) const {
   const U32 count = U32(table_->occupancy());
   if (count == 0) return std::nullopt;
-  Bucket line;
-  if (!readBucket(bucketOf(key, count), line) || line.count() != count) return std::nullopt;
-  const int i = slotOf(line, key);
+  Bucket bucket;
+  if (!readBucket(bucketOf(key, count), bucket) || bucket.count() != count) return std::nullopt;
+  const int i = slotOf(bucket, key);
   if (i < 0) return std::nullopt;
-  return field<U64>(line.bytes.data() + entriesAt + U32(i) * (keySize_ + valueSize) + keySize_);
+  return field<U64>(bucket.bytes.data() + entriesAt + U32(i) * (keySize_ + valueSize) + keySize_);
 }
 
 void ValueCache::forget(const U8* key) {
   if (count_ == 0) return;
-  Bucket line;
-  if (!readBucket(bucketOf(key, count_), line) || line.count() != count_) return;
-  const int i = slotOf(line, key);
+  Bucket bucket;
+  if (!readBucket(bucketOf(key, count_), bucket) || bucket.count() != count_) return;
+  const int i = slotOf(bucket, key);
   if (i < 0) return;
-  line.used() &= U8(~(1u << i));
-  table_->write(line.bytes.data());
+  bucket.used() &= U8(~(1u << i));
+  table_->write(bucket.bytes.data());
 }
 
 // Leaving a prefix out is always correct, so a failure here is not the
@@ -166,18 +166,18 @@ void ValueCache::remember(const U8* key, U64 value, const Depot::Table& values) 
   if (stale_) return;
   try {
     if (tooFew(values.occupancy())) return rebuild(bucketsFor(values.occupancy()), values);
-    Bucket line;
-    if (!readBucket(bucketOf(key, count_), line) || line.count() != count_) return;
-    int i = slotOf(line, key);
+    Bucket bucket;
+    if (!readBucket(bucketOf(key, count_), bucket) || bucket.count() != count_) return;
+    int i = slotOf(bucket, key);
     if (i < 0) {
-      if (line.used() == (1u << perBucket_) - 1) return;
-      i = std::countr_one(line.used());
-      line.used() |= U8(1u << i);
+      if (bucket.used() == (1u << perBucket_) - 1) return;
+      i = std::countr_one(bucket.used());
+      bucket.used() |= U8(1u << i);
     }
-    U8* entry = line.bytes.data() + entriesAt + U32(i) * (keySize_ + valueSize);
+    U8* entry = bucket.bytes.data() + entriesAt + U32(i) * (keySize_ + valueSize);
     std::memcpy(entry, key, keySize_);
     std::memcpy(entry + keySize_, &value, valueSize);
-    table_->write(line.bytes.data());
+    table_->write(bucket.bytes.data());
   } catch (const std::exception&) {
     if (stale_) count_ = U32(table_->occupancy());
   }
@@ -189,10 +189,10 @@ void ValueCache::reserve(U64 prefixes, const Depot::Table& values) {
 
 // Every bucket is there and was written for the count.
 bool ValueCache::consistent() const {
-  Bucket line;
+  Bucket bucket;
   U64 hint, seen = 0;
-  for (bool ok = table_->iterFirst(hint, line.bytes.data()); ok; ok = table_->iterNext(hint, line.bytes.data())) {
-    if (field<U32>(line.bytes.data() + bucketAt) >= count_ || line.count() != count_) return false;
+  for (bool ok = table_->iterFirst(hint, bucket.bytes.data()); ok; ok = table_->iterNext(hint, bucket.bytes.data())) {
+    if (field<U32>(bucket.bytes.data() + bucketAt) >= count_ || bucket.count() != count_) return false;
     ++seen;
   }
   return seen == count_;
@@ -223,13 +223,13 @@ void ValueCache::rebuild(U32 buckets, const Depot::Table& values) {
 
   auto next = all.begin();
   for (U32 b = 0; b < buckets; ++b) {
-    Bucket line(b, buckets);
+    Bucket bucket(b, buckets);
     for (U32 i = 0; next != all.end() && next->bucket == b; ++next, ++i) {
       if (i >= perBucket_) continue;
-      std::memcpy(line.bytes.data() + entriesAt + i * entrySize, next->record.data(), entrySize);
-      line.used() |= U8(1u << i);
+      std::memcpy(bucket.bytes.data() + entriesAt + i * entrySize, next->record.data(), entrySize);
+      bucket.used() |= U8(1u << i);
     }
-    table_->write(line.bytes.data());
+    table_->write(bucket.bytes.data());
   }
   stale_ = false;
 }

@@ -70,7 +70,7 @@ class ValueCache {
   ValueCache(std::unique_ptr<Depot::Table> table, Addrkit::AddressFamily af);
   struct Bucket;
   U32 bucketOf(const U8* key, U32 count) const;
-  bool readBucket(U32 bucket, Bucket& out) const;
+  bool readBucket(U32 number, Bucket& out) const;
   int slotOf(const Bucket& bucket, const U8* key) const;
   U32 bucketsFor(U64 prefixes) const;
   bool tooFew(U64 prefixes) const;

@@ -112,9 +112,13 @@ std::optional<U64> ValueTables::find(const IpGenPrefix& p) const {
 // since, looked up).
 void ValueTables::values(std::span<const IpGenPrefix> prefixes, std::span<U64> out) const {
   constexpr size_t ahead = 16, group = 16;
+  // The keys of the prefixes fetched and not yet read, each built once.
+  std::array<Record, 2 * ahead> keys;
   const auto fetchBucket = [&](size_t i) {
     const IpGenPrefix& p = prefixes[i];
-    if (const ValueCache* c = p.af() == AddressFamily::none ? nullptr : readCache(p.af())) c->prefetch(Record(p).key());
+    if (p.af() == AddressFamily::none) return;
+    keys[i % keys.size()] = Record(p);
+    if (const ValueCache* c = readCache(p.af())) c->prefetch(keys[i % keys.size()].key());
   };
   for (size_t i = 0; i < std::min(ahead, prefixes.size()); ++i) fetchBucket(i);
   std::vector<size_t>& missed = missed_;
@@ -125,7 +129,7 @@ void ValueTables::values(std::span<const IpGenPrefix> prefixes, std::span<U64> o
     out[i] = 0;
     if (p.af() == AddressFamily::none || !table(p.af())) continue;
     const ValueCache* c = readCache(p.af());
-    if (const std::optional<U64> v = c ? c->find(Record(p).key()) : std::nullopt) out[i] = *v;
+    if (const std::optional<U64> v = c ? c->find(keys[i % keys.size()].key()) : std::nullopt) out[i] = *v;
     else missed.push_back(i);
   }
 

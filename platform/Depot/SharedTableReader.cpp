@@ -90,8 +90,6 @@ U64 SharedTableReader::updateCounter() const {
   return startReadingAround(m) ? counter - 1 : counter;
 }
 
-// One settled pass of find with the layout's sizes built in: 1 found, 0
-// absent, -1 for the general path to settle.
 // A record out of the words a slot read just stored one at a time, copied
 // a word at a time (relaxed loads, which the compiler does not widen): a
 // wider load across several fresh stores cannot take its bytes from them
@@ -108,6 +106,8 @@ inline void copyRecord(U8* out, const U32* words) {
   }
 }
 
+// One settled pass of find with the layout's sizes built in: 1 found, 0
+// absent, -1 for the general path to settle.
 template <U32 Words, U32 KeySize, U32 RecordSize>
 int SharedTableReader::quickFind(const U8* key, U8* out) const {
   U32 copy[Words];
@@ -126,7 +126,7 @@ bool SharedTableReader::find(const U8* key, U8* out) const {
       case Quick::node6: found = quickFind<72 / 4, 17, 67>(key, out); break;
       case Quick::value4: found = quickFind<16 / 4, 5, 13>(key, out); break;
       case Quick::value6: found = quickFind<28 / 4, 17, 25>(key, out); break;
-      case Quick::line: found = quickFind<128 / 4, 4, 125>(key, out); break;
+      case Quick::bucket: found = quickFind<128 / 4, 4, 125>(key, out); break;
       case Quick::none: break;
     }
     if (found >= 0) return found == 1;
@@ -160,7 +160,7 @@ bool SharedTableReader::readAt(U64 where, const U8* key, U8* out) const {
     case Quick::node6: return quickReadAt<72 / 4, 67>(where, key, out);
     case Quick::value4: return quickReadAt<16 / 4, 13>(where, key, out);
     case Quick::value6: return quickReadAt<28 / 4, 25>(where, key, out);
-    case Quick::line: return quickReadAt<128 / 4, 125>(where, key, out);
+    case Quick::bucket: return quickReadAt<128 / 4, 125>(where, key, out);
     case Quick::none: break;
   }
   return false;

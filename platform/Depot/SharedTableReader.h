@@ -325,7 +325,7 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
              : is(16, 17, 67, 72) ? Quick::node6
              : is(0, 5, 13, 16)   ? Quick::value4
              : is(0, 17, 25, 28)  ? Quick::value6
-             : is(0, 4, 125, 128) ? Quick::line
+             : is(0, 4, 125, 128) ? Quick::bucket
                                   : Quick::none;
   }
 
@@ -357,8 +357,8 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   bool lookup(const U8* key, U32* words, U64& slot) const;
   // The layouts whose lookups have a path of their own, with their sizes
   // built in: the trie's nodes, the route table's values and its value
-  // cache's lines.
-  enum class Quick { none, node4, node6, value4, value6, line };
+  // cache's buckets.
+  enum class Quick { none, node4, node6, value4, value6, bucket };
   Quick quick_ = Quick::none;
   // Whether find's and readAt's own paths may answer: not around an update
   // a gone writer left open, nor once a newer generation exists.
