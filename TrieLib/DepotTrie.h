@@ -49,8 +49,7 @@ class DEPOTTRIE_API TrieWalkCallback : public Basis::Node {
 
 class Trie;
 
-// Told of the prefixes a longest-match descent may answer with, as it finds
-// them, so that a record keyed by the answer (a value per prefix) can be
+// Told of the prefixes a longest-match descent may answer with, so that a record keyed by the answer (a value per prefix) can be
 // fetched while the descent goes on. Each call only starts memory reads.
 class DEPOTTRIE_API AnswerFetch {
  public:
@@ -110,9 +109,9 @@ class DEPOTTRIE_API Trie : public Kiln::Entity {
   // last descent with the same leading bits went on while the table has not
   // changed since (kept in the process, about 2 MB for IPv4 and 3.5 MB for
   // IPv6 once used). Like every read of a trie, it serves one thread at a time.
-  // fetch: told of the stored prefix the descent is most likely to answer
-  // with (the deepest node's key on its path, IPv4) and of each better
-  // match it finds.
+  // fetch: told of the prefixes the descent is most likely to answer with:
+  // the keys of the two deepest nodes on its path (IPv4), or each better
+  // match as it finds it (IPv6).
   Addrkit::IpGenPrefix longestMatch(const Addrkit::IpGenPrefix& prefix, const AnswerFetch* fetch = nullptr) const;
   // longestMatch of each query into the answer at the same index (answers
   // must be at least as long), with the descents of several queries
