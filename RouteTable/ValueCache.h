@@ -67,17 +67,20 @@ class ValueCache {
   U64 bytes() const { return table_->bytes(); }
 
  private:
-  ValueCache(std::unique_ptr<Depot::Table> table, Addrkit::AddressFamily af);
+  ValueCache(std::unique_ptr<Depot::SharedTable> table, Addrkit::AddressFamily af);
   struct Bucket;
   U32 bucketOf(const U8* key, U32 count) const;
+  template <class Shape>
+  std::optional<U64> find(const U8* key) const;
   bool readBucket(U32 number, Bucket& out) const;
-  int slotOf(const Bucket& bucket, const U8* key) const;
+  int entryIn(Bucket& bucket, const U8* key) const;
+  void put(Bucket& bucket, U32 entry, const U8* key, U64 value) const;
   U32 bucketsFor(U64 prefixes) const;
   bool tooFew(U64 prefixes) const;
   bool consistent() const;
   void rebuild(U32 buckets, const Depot::Table& values);
 
-  std::unique_ptr<Depot::Table> table_;
+  std::unique_ptr<Depot::SharedTable> table_;
   U32 keySize_;
   U32 perBucket_;
   // The writer's bucket count, and whether a rebuild failed (the cache then

@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,6 +66,27 @@ struct SharedTableStats {
 // to the records of the last complete update.
 //
 // One object serves one thread at a time (as the entity that owns it).
+// The 4-byte words of a record read in place (SharedTable::readInPlace),
+// each loaded whole as it is asked for, so that a reader that needs a few
+// of a large record's words loads only those.
+class RecordWords {
+ public:
+  explicit RecordWords(const U32* words) : words_(words) {}
+  U32 operator[](U32 i) const { return std::atomic_ref<U32>(const_cast<U32&>(words_[i])).load(std::memory_order_relaxed); }
+
+ private:
+  const U32* words_;
+};
+
+// What a caller of readInPlace does with the words it is shown.
+class InPlaceRead {
+ public:
+  virtual bool operator()(const RecordWords& words) const = 0;
+
+ protected:
+  ~InPlaceRead() = default;
+};
+
 class SharedTable : public Table {
  public:
   // Creates the file at path (and missing directories), or reopens it when a
@@ -83,6 +105,13 @@ class SharedTable : public Table {
 
   virtual U64 generation() const = 0;
   virtual SharedTableStats stats() const = 0;
+  // Shows `read` the record at `where` (as for readAt, whatever its key) in
+  // place instead of copying it out: true when `read` answered true about a
+  // whole, live record that did not change while it looked. False (the
+  // slot is free or changing, the table has moved on, or this is the
+  // writer, which copies) sends the caller to find; what `read` kept from
+  // a false answer means nothing.
+  virtual bool readInPlace(U64 /*where*/, const InPlaceRead& /*read*/) const { return false; }
 };
 
 // Whether something has the table's name (a file that is no table is then

@@ -126,7 +126,7 @@ bool SharedTableReader::find(const U8* key, U8* out) const {
       case Quick::node6: found = quickFind<72 / 4, 17, 67>(key, out); break;
       case Quick::value4: found = quickFind<16 / 4, 5, 13>(key, out); break;
       case Quick::value6: found = quickFind<28 / 4, 17, 25>(key, out); break;
-      case Quick::bucket: found = quickFind<128 / 4, 4, 125>(key, out); break;
+      case Quick::bucket: found = quickFind<128 / 4, 4, 124>(key, out); break;
       case Quick::none: break;
     }
     if (found >= 0) return found == 1;
@@ -160,10 +160,24 @@ bool SharedTableReader::readAt(U64 where, const U8* key, U8* out) const {
     case Quick::node6: return quickReadAt<72 / 4, 67>(where, key, out);
     case Quick::value4: return quickReadAt<16 / 4, 13>(where, key, out);
     case Quick::value6: return quickReadAt<28 / 4, 25>(where, key, out);
-    case Quick::bucket: return quickReadAt<128 / 4, 125>(where, key, out);
+    case Quick::bucket: return quickReadAt<128 / 4, 124>(where, key, out);
     case Quick::none: break;
   }
   return false;
+}
+
+// As readSlot, with the caller loading the words it wants in between.
+bool SharedTableReader::readInPlace(U64 where, const InPlaceRead& read) const {
+  if (where == 0 || !positionsNow()) return false;
+  const Mapping& m = *map_;
+  if (where > m.geometry().capacity) return false;
+  const U32 n = m.geometry().stride / 4;
+  const U32* p = reinterpret_cast<const U32*>(m.slot(where - 1));
+  const U32 before = loadAcquire(p[n - 1]);
+  if ((before & (seqBusy | seqLive)) != seqLive) return false;
+  const bool answer = read(RecordWords(p));
+  std::atomic_thread_fence(std::memory_order_acquire);
+  return answer && loadRelaxed(p[n - 1]) == before;
 }
 
 bool SharedTableReader::iterFrom(const U8* key, U64& hint, U8* out) const {

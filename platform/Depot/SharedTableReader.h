@@ -325,7 +325,7 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
              : is(16, 17, 67, 72) ? Quick::node6
              : is(0, 5, 13, 16)   ? Quick::value4
              : is(0, 17, 25, 28)  ? Quick::value6
-             : is(0, 4, 125, 128) ? Quick::bucket
+             : is(0, 4, 124, 128) ? Quick::bucket
                                   : Quick::none;
   }
 
@@ -335,6 +335,7 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   U64 updateCounter() const override;
   bool find(const U8* key, U8* out) const override;
   bool readAt(U64 where, const U8* key, U8* out) const override;
+  bool readInPlace(U64 where, const InPlaceRead& read) const override;
   bool iterFrom(const U8* key, U64& hint, U8* out) const override;
 
   void write(const U8*) override { refuse(); }
@@ -360,11 +361,11 @@ class SharedTableReader final : public SharedTableBase<SharedTableReader> {
   // cache's buckets.
   enum class Quick { none, node4, node6, value4, value6, bucket };
   Quick quick_ = Quick::none;
-  // Whether find's and readAt's own paths may answer: not around an update
-  // a gone writer left open, nor once a newer generation exists.
-  bool quickNow() const {
-    return quick_ != Quick::none && openByGone_ == 0 && loadRelaxed(map_->header().successor) == 0;
-  }
+  // Whether reads by position (readAt, readInPlace) and find's own paths
+  // may answer: not around an update a gone writer left open, nor once a
+  // newer generation exists.
+  bool positionsNow() const { return openByGone_ == 0 && loadRelaxed(map_->header().successor) == 0; }
+  bool quickNow() const { return quick_ != Quick::none && positionsNow(); }
   template <U32 Words, U32 KeySize, U32 RecordSize>
   int quickFind(const U8* key, U8* out) const;
   template <U32 Words, U32 RecordSize>
