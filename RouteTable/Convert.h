@@ -12,12 +12,7 @@ inline Addrkit::IpGenPrefix toGen(const Prefix& p) {
 }
 
 inline Prefix fromGen(const Addrkit::IpGenPrefix& g) {
-  if (g.af() == Addrkit::AddressFamily::ipv4) {
-    const Addrkit::Ip4Address a = g.v4().address();
-    return Prefix::fromBytes({a.bytes(), 4}, g.len());
-  }
-  const Addrkit::Ip6Address a = g.v6().address();
-  return Prefix::fromBytes({a.bytes(), 16}, g.len());
+  return Prefix::fromBytes({g.addressBytes(), g.af() == Addrkit::AddressFamily::ipv4 ? 4u : 16u}, g.len());
 }
 
 }  // namespace depottrie::detail

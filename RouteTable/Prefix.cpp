@@ -1,4 +1,5 @@
 // Text, order and cutting of the route table's prefixes.
+#include <emmintrin.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -58,10 +59,18 @@ Prefix Prefix::fromBytes(std::span<const std::uint8_t> address, unsigned length)
   p.family_ = address.size() == 4 ? Family::ipv4 : Family::ipv6;
   if (length > p.maxLength())
     throw Error(fmt::format("length {} is longer than an {} address", length, p.family_ == Family::ipv4 ? "IPv4" : "IPv6"));
-  std::copy(address.begin(), address.end(), p.bytes_.begin());
+  // Cut as two whole words and stored in one 16-byte store: a later copy
+  // of the prefix loads 16 bytes, which waits when it spans several
+  // smaller stores.
+  std::array<std::uint64_t, 2> words{};
+  std::memcpy(words.data(), address.data(), address.size());
+  for (unsigned k = 0; k < 2; ++k) {
+    const unsigned bits = std::clamp(int(length) - int(64 * k), 0, 64);
+    const std::uint64_t keep = bits == 0 ? 0 : ~std::uint64_t(0) << (64 - bits);
+    words[k] &= __builtin_bswap64(keep);
+  }
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(p.bytes_.data()), _mm_set_epi64x(std::int64_t(words[1]), std::int64_t(words[0])));
   p.length_ = std::uint8_t(length);
-  if (length % 8) p.bytes_[length / 8] &= std::uint8_t(0xFF00u >> (length % 8));
-  std::fill(p.bytes_.begin() + (length + 7) / 8, p.bytes_.end(), 0);
   return p;
 }
 

@@ -379,7 +379,16 @@ std::optional<Route> RouteTable::lookup(const Prefix& addressOrPrefix) const {
   return guarded([&] {
     Impl& t = *impl_;
     const IpGenPrefix g = detail::toGen(addressOrPrefix);
-    return t.read(g.af(), [&] { return t.routeIf(t.trie->longestMatch(g, t.values.fetcher())); });
+    // The answer is made where it is returned: each copy of a route just
+    // built waits for the stores that built it.
+    std::optional<Route> found;
+    t.read(g.af(), [&] {
+      const IpGenPrefix p = t.trie->longestMatch(g, t.values.fetcher());
+      if (p.isEmpty()) found.reset();
+      else found.emplace(detail::fromGen(p), t.values.value(p));
+      return true;
+    });
+    return found;
   });
 }
 

@@ -103,6 +103,8 @@ class DEPOTTRIE_API IpGenPrefix {
   // The per-family views read the stored bytes whatever the family.
   Prefix v4() const;
   Ip6Prefix v6() const;
+  // The stored address bytes, network order (the first 4 for IPv4).
+  const U8* addressBytes() const { return addr_; }
   U32 len() const { return len_; }
   std::string stringValue() const;  // "none" for the empty value
 
