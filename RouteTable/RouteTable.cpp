@@ -384,8 +384,13 @@ std::optional<Route> RouteTable::lookup(const Prefix& addressOrPrefix) const {
     std::optional<Route> found;
     t.read(g.af(), [&] {
       const IpGenPrefix p = t.trie->longestMatch(g, t.values.fetcher());
-      if (p.isEmpty()) found.reset();
-      else found.emplace(detail::fromGen(p), t.values.value(p));
+      if (p.isEmpty()) {
+        found.reset();
+      } else {
+        found.emplace();
+        found->prefix = detail::fromGen(p);
+        found->value = t.values.value(p);
+      }
       return true;
     });
     return found;
