@@ -159,9 +159,18 @@ struct RouteTable::Impl {
   }
 
   Route route(const IpGenPrefix& p) const { return {detail::fromGen(p), values.value(p)}; }
+  // The route of p (none for the empty prefix) made in `out`: a copy of a
+  // route just built waits for the stores that built it.
+  void routeInto(std::optional<Route>& out, const IpGenPrefix& p) const {
+    if (p.isEmpty()) return out.reset();
+    out.emplace();
+    out->prefix = detail::fromGen(p);
+    out->value = values.value(p);
+  }
   std::optional<Route> routeIf(const IpGenPrefix& p) const {
-    if (p.isEmpty()) return std::nullopt;
-    return route(p);
+    std::optional<Route> out;
+    routeInto(out, p);
+    return out;
   }
 
   std::optional<Route> find(const IpGenPrefix& p) {
@@ -379,18 +388,10 @@ std::optional<Route> RouteTable::lookup(const Prefix& addressOrPrefix) const {
   return guarded([&] {
     Impl& t = *impl_;
     const IpGenPrefix g = detail::toGen(addressOrPrefix);
-    // The answer is made where it is returned: each copy of a route just
-    // built waits for the stores that built it.
+    // Made where it is returned (routeInto), not copied out of the read.
     std::optional<Route> found;
     t.read(g.af(), [&] {
-      const IpGenPrefix p = t.trie->longestMatch(g, t.values.fetcher());
-      if (p.isEmpty()) {
-        found.reset();
-      } else {
-        found.emplace();
-        found->prefix = detail::fromGen(p);
-        found->value = t.values.value(p);
-      }
+      t.routeInto(found, t.trie->longestMatch(g, t.values.fetcher()));
       return true;
     });
     return found;

@@ -171,13 +171,9 @@ bool SharedTableReader::readInPlace(U64 where, const InPlaceRead& read) const {
   if (where == 0 || !positionsNow()) return false;
   const Mapping& m = *map_;
   if (where > m.geometry().capacity) return false;
-  const U32 n = m.geometry().stride / 4;
-  const U32* p = reinterpret_cast<const U32*>(m.slot(where - 1));
-  const U32 before = loadAcquire(p[n - 1]);
-  if ((before & (seqBusy | seqLive)) != seqLive) return false;
-  const bool answer = read(RecordWords(p));
-  std::atomic_thread_fence(std::memory_order_acquire);
-  return answer && loadRelaxed(p[n - 1]) == before;
+  bool answer = false;
+  const auto look = [&](const U32* words, U32) { answer = read(RecordWords(words)); };
+  return readUnderSequence(m, where - 1, m.geometry().stride / 4, look) == SlotRead::ok && answer;
 }
 
 bool SharedTableReader::iterFrom(const U8* key, U64& hint, U8* out) const {

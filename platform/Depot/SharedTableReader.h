@@ -87,21 +87,31 @@ class Patience {
 
 enum class SlotRead { ok, busy, free };
 
-// Copies slot into words under its sequence word: `ok` only for a whole,
-// unchanged record. Words: the slot's 4-byte words when known at compile
-// time (the copy is then unrolled), 0 to read them from the geometry.
+// Runs read(words, sequence) on the slot's words between two reads of its
+// sequence word: `ok` only when the slot held a whole, live record that did
+// not change meanwhile. `read` loads each word whole (relaxed).
+template <class Read>
+inline SlotRead readUnderSequence(const Mapping& m, U64 slot, U32 n, Read&& read) {
+  const U32* p = reinterpret_cast<const U32*>(m.slot(slot));
+  const U32 before = loadAcquire(p[n - 1]);
+  if (before & seqBusy) return SlotRead::busy;
+  if (!(before & seqLive)) return SlotRead::free;
+  read(p, before);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (loadRelaxed(p[n - 1]) != before) return SlotRead::busy;
+  return SlotRead::ok;
+}
+
+// Copies slot into words under its sequence word. Words: the slot's 4-byte
+// words when known at compile time (the copy is then unrolled), 0 to read
+// them from the geometry.
 template <U32 Words = 0>
 inline SlotRead readSlot(const Mapping& m, U64 slot, U32* words) {
   const U32 n = Words ? Words : m.geometry().stride / 4;
-  const U32* p = reinterpret_cast<const U32*>(m.slot(slot));
-  U32 before = loadAcquire(p[n - 1]);
-  if (before & seqBusy) return SlotRead::busy;
-  if (!(before & seqLive)) return SlotRead::free;
-  for (U32 w = 0; w + 1 < n; ++w) words[w] = loadRelaxed(p[w]);
-  std::atomic_thread_fence(std::memory_order_acquire);
-  if (loadRelaxed(p[n - 1]) != before) return SlotRead::busy;
-  words[n - 1] = before;
-  return SlotRead::ok;
+  return readUnderSequence(m, slot, n, [&](const U32* p, U32 sequence) {
+    for (U32 w = 0; w + 1 < n; ++w) words[w] = loadRelaxed(p[w]);
+    words[n - 1] = sequence;
+  });
 }
 
 inline U64 highWaterNow(const Mapping& m) {
